@@ -1,0 +1,158 @@
+#include "cli/TeskText.h"
+
+#include <unicode/locid.h>
+#include <unicode/normalizer2.h>
+#include <unicode/uchar.h>
+#include <unicode/unistr.h>
+#include <unicode/ustring.h>
+#include <unicode/utf8.h>
+
+#include <algorithm>
+
+namespace TeskText {
+namespace {
+
+bool isLineEnd(UChar32 c) {
+  return c == 0x0A || c == 0x0B || c == 0x0C || c == 0x0D || c == 0x85 || c == 0x2028 ||
+         c == 0x2029;
+}
+
+std::string_view trimWith(std::string_view s, bool newlines) {
+  auto ws = [newlines](UChar32 c) {
+    if (isLineEnd(c)) return newlines;
+    return static_cast<bool>(u_isUWhiteSpace(c));
+  };
+  int32_t begin = 0, n = static_cast<int32_t>(s.size());
+  const auto* p = reinterpret_cast<const uint8_t*>(s.data());
+  while (begin < n) {
+    int32_t i = begin;
+    UChar32 c;
+    U8_NEXT(p, i, n, c);
+    if (c < 0 || !ws(c)) break;
+    begin = i;
+  }
+  int32_t end = n;
+  while (end > begin) {
+    int32_t i = end;
+    UChar32 c;
+    U8_PREV(p, begin, i, c);
+    if (c < 0 || !ws(c)) break;
+    end = i;
+  }
+  return s.substr(static_cast<size_t>(begin), static_cast<size_t>(end - begin));
+}
+
+// NFD, drop nonspacing marks, full case folding.
+std::u16string fold(std::string_view utf8) {
+  UErrorCode status = U_ZERO_ERROR;
+  const icu::Normalizer2* nfd = icu::Normalizer2::getNFDInstance(status);
+  icu::UnicodeString src = icu::UnicodeString::fromUTF8(
+      icu::StringPiece(utf8.data(), static_cast<int32_t>(utf8.size())));
+  icu::UnicodeString decomposed;
+  if (U_SUCCESS(status)) {
+    decomposed = nfd->normalize(src, status);
+  }
+  if (U_FAILURE(status)) decomposed = src;
+  icu::UnicodeString stripped;
+  for (int32_t i = 0; i < decomposed.length();) {
+    UChar32 c = decomposed.char32At(i);
+    if (u_charType(c) != U_NON_SPACING_MARK) stripped.append(c);
+    i += U16_LENGTH(c);
+  }
+  stripped.foldCase(U_FOLD_CASE_DEFAULT);
+  return std::u16string(reinterpret_cast<const char16_t*>(stripped.getBuffer()),
+                        static_cast<size_t>(stripped.length()));
+}
+
+char asciiLower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c; }
+
+bool asciiContains(std::string_view hay, std::string_view needleLower) {
+  if (needleLower.empty()) return true;
+  if (needleLower.size() > hay.size()) return false;
+  auto it = std::search(hay.begin(), hay.end(), needleLower.begin(), needleLower.end(),
+                        [](char a, char b) { return asciiLower(a) == b; });
+  return it != hay.end();
+}
+
+}  // namespace
+
+std::string_view trim(std::string_view utf8) { return trimWith(utf8, true); }
+std::string_view trimBlanks(std::string_view utf8) { return trimWith(utf8, false); }
+
+bool isASCII(std::string_view s) {
+  return std::all_of(s.begin(), s.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
+std::string lower(std::string_view utf8) {
+  if (isASCII(utf8)) {
+    std::string out(utf8);
+    for (char& c : out) c = asciiLower(c);
+    return out;
+  }
+  icu::UnicodeString u = icu::UnicodeString::fromUTF8(
+      icu::StringPiece(utf8.data(), static_cast<int32_t>(utf8.size())));
+  u.toLower(icu::Locale::getRoot());
+  std::string out;
+  u.toUTF8String(out);
+  return out;
+}
+
+std::string escapeTSV(std::string_view text, bool cr) {
+  std::string out;
+  out.reserve(text.size());
+  for (char c : text) {
+    switch (c) {
+      case '\\': out += "\\\\"; break;
+      case '\t': out += "\\t"; break;
+      case '\n': out += "\\n"; break;
+      case '\r':
+        if (cr) {
+          out += "\\r";
+        } else {
+          out += c;
+        }
+        break;
+      default: out += c;
+    }
+  }
+  return out;
+}
+
+Needle::Needle(std::string_view query) : folded_(fold(query)) {
+  asciiOnly_ = std::all_of(folded_.begin(), folded_.end(), [](char16_t c) { return c < 0x80; });
+  if (asciiOnly_) {
+    ascii_.reserve(folded_.size());
+    for (char16_t c : folded_) ascii_ += asciiLower(static_cast<char>(c));
+  }
+}
+
+bool Needle::in(std::string_view hay) const {
+  if (folded_.empty()) return true;
+  if (isASCII(hay)) {
+    // ASCII has no marks, and its case folding is plain lowering.
+    return asciiOnly_ && asciiContains(hay, ascii_);
+  }
+  return fold(hay).find(folded_) != std::u16string::npos;
+}
+
+bool containsFolded(std::string_view haystack, std::string_view needle) {
+  return Needle(needle).in(haystack);
+}
+
+bool containsCaseInsensitive(std::string_view haystack, std::string_view needle) {
+  if (needle.empty()) return true;
+  if (isASCII(haystack) && isASCII(needle)) {
+    std::string n(needle);
+    for (char& c : n) c = asciiLower(c);
+    return asciiContains(haystack, n);
+  }
+  auto f = [](std::string_view s) {
+    icu::UnicodeString u = icu::UnicodeString::fromUTF8(
+        icu::StringPiece(s.data(), static_cast<int32_t>(s.size())));
+    u.foldCase(U_FOLD_CASE_DEFAULT);
+    return u;
+  };
+  return f(haystack).indexOf(f(needle)) >= 0;
+}
+
+}  // namespace TeskText

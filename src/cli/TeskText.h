@@ -1,0 +1,40 @@
+// Text helpers shared by every producer: Unicode-aware trimming and lowering, and
+// the case- and diacritic-insensitive "contains" that the free-text query uses.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace TeskText {
+
+// Trims Unicode white space and line ends at both ends.
+std::string_view trim(std::string_view utf8);
+// Trims Unicode white space but not line ends (CR, LF, NEL, LS, PS).
+std::string_view trimBlanks(std::string_view utf8);
+// Unicode lower-casing (root locale).
+std::string lower(std::string_view utf8);
+// Backslash, tab, line feed (and carriage return when `cr`) escaped for TSV cells.
+std::string escapeTSV(std::string_view text, bool cr = true);
+// True when every byte is ASCII.
+bool isASCII(std::string_view s);
+
+// A query folded once (case and diacritics removed) and tested against many texts.
+// "Résumé" matches "RESUME"; an empty needle matches everything.
+class Needle {
+ public:
+  explicit Needle(std::string_view query);
+  bool empty() const { return folded_.empty(); }
+  bool in(std::string_view haystackUTF8) const;
+
+ private:
+  std::u16string folded_;
+  std::string ascii_;  // the folded needle when it is all ASCII, else empty
+  bool asciiOnly_ = false;
+};
+
+// Case- and diacritic-insensitive containment (no locale).
+bool containsFolded(std::string_view haystack, std::string_view needle);
+// Case-insensitive containment, diacritics significant.
+bool containsCaseInsensitive(std::string_view haystack, std::string_view needle);
+
+}  // namespace TeskText

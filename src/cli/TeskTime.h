@@ -1,0 +1,54 @@
+// Instants are unix seconds (double) everywhere inside tesk. This is the one place
+// that turns typed time expressions into instants, renders instants as ISO 8601,
+// and converts the stores' foreign epochs.
+//
+// Zone arguments name an IANA time zone; an empty name means the process's local
+// zone. Callers pass the zone down so tests can pin it.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <unicode/timezone.h>
+
+namespace TeskTime {
+
+inline constexpr double appleEpochOffset = 978307200.0;      // 1970 -> 2001-01-01
+inline constexpr double webkitEpochOffset = -11644473600.0;  // 1601-01-01 -> 1970
+
+// Returns the instant a --since/--until text names, relative to `now`, or nothing.
+// Relative amounts (30d, 90min, 12m, 5y) count back unless prefixed "+"; "now";
+// "today" (local midnight); ISO 8601 with a zone; local dates yyyy-MM-dd['T'HH:mm:ss],
+// "yyyy-MM-dd HH:mm", yyyy-MM.
+std::optional<double> parseWhen(std::string_view text, double now, const std::string& zone = {});
+
+// Exactly the internet date-time form with a zone designator, no fractional seconds.
+std::optional<double> parseISO(std::string_view text);
+
+// UTC internet date-time, "Z", whole seconds (floored): 2026-01-01T09:30:00Z.
+std::string isoString(double unixSeconds);
+
+// Messages dates: whole seconds since 2001 up to 1e12 in magnitude, nanoseconds above.
+double fromAppleDate(int64_t value);
+// Microseconds since 1601; 0 stays 0.
+double fromWebKitDate(int64_t value);
+// (t - 2001) in nanoseconds, truncated toward zero; saturates outside the int64 range.
+int64_t toAppleNanoseconds(double unixSeconds);
+
+// The current unix time, read once by the entry and passed down.
+double currentTime();
+
+// The identifier of the process's local zone (ICU default, which honours TZ).
+std::string localZoneID();
+
+// An ICU zone for `zone` (empty: the local zone; unknown ids: the local zone).
+std::unique_ptr<icu::TimeZone> makeZone(const std::string& zone);
+
+// Unix seconds for a wall-clock time in `zone` (Gregorian, lenient about DST gaps).
+std::optional<double> localInstant(int year, int month, int day, int hour, int minute,
+                                   int second, const std::string& zone);
+
+}  // namespace TeskTime
