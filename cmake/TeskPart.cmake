@@ -27,3 +27,14 @@ function(tesk_test name)
                              TESK_BINARY_DIR="${PROJECT_BINARY_DIR}")
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60)
 endfunction()
+
+# tesk_part_glob(<name> [EXCLUDE <files...>]): a part made of every .cpp in the
+# current folder (sub-folders included), so adding a file needs no CMake edit.
+function(tesk_part_glob name)
+  cmake_parse_arguments(G "" "" "EXCLUDE" ${ARGN})
+  file(GLOB_RECURSE srcs CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
+  foreach(ex IN LISTS G_EXCLUDE)
+    list(REMOVE_ITEM srcs ${CMAKE_CURRENT_SOURCE_DIR}/${ex})
+  endforeach()
+  tesk_part(${name} ${srcs})
+endfunction()
