@@ -5,12 +5,10 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
-#include <memory>
 #include <optional>
 #include <span>
 #include <string>
-#include <utility>
+#include <string_view>
 #include <vector>
 
 namespace TeskKeyedArchive {
@@ -26,14 +24,16 @@ struct Value {
   enum class Type { null, string, integer, real, boolean, date, data, array, dictionary, object };
 
   Type type = Type::null;
-  std::string string;                                 // string; data bytes for data
-  int64_t integer = 0;                                // integer
-  double real = 0;                                    // real; date as seconds since 2001-01-01 UTC
-  bool boolean = false;                               // boolean
-  std::vector<Value> items;                           // array elements
-  std::vector<std::pair<Value, Value>> entries;       // dictionary entries, archive order
-  std::vector<std::string> classes;                   // object: class chain, most derived first
-  std::vector<std::pair<std::string, Value>> fields;  // object: keyed fields, archive order
+  std::string string;        // string; data bytes for data
+  int64_t integer = 0;       // integer
+  double real = 0;           // real; date as seconds since 2001-01-01 UTC
+  bool boolean = false;      // boolean
+  std::vector<Value> items;  // array elements
+  struct Entry;
+  struct Field;
+  std::vector<Entry> entries;        // dictionary entries, archive order
+  std::vector<std::string> classes;  // object: class chain, most derived first
+  std::vector<Field> fields;         // object: keyed fields, archive order
 
   // The class name of an object (first of its chain), else empty.
   const std::string& className() const;
@@ -41,6 +41,16 @@ struct Value {
   const Value* field(std::string_view key) const;
   // The dictionary entry whose key is the string `key`, else nullptr.
   const Value* entry(std::string_view key) const;
+};
+
+struct Value::Entry {
+  Value key;
+  Value value;
+};
+
+struct Value::Field {
+  std::string key;
+  Value value;
 };
 
 // Decodes the archive's root object ($top "root", else the first $top entry).
