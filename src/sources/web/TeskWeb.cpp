@@ -1,0 +1,210 @@
+#include "sources/web/TeskWeb.h"
+
+#include <unicode/brkiter.h>
+#include <unicode/unistr.h>
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <memory>
+
+#include "cli/TeskText.h"
+#include "cli/TeskTime.h"
+#include "store/TeskStore.h"
+
+namespace TeskWeb {
+
+namespace {
+
+constexpr size_t kBareURLLimit = 60;  // characters kept of a URL without "://"
+
+// The first `limit` user-perceived characters of `s`.
+std::string prefixCharacters(std::string_view s, size_t limit) {
+  if (TeskText::isASCII(s)) return std::string(s.substr(0, limit));
+  icu::UnicodeString u =
+      icu::UnicodeString::fromUTF8(icu::StringPiece(s.data(), static_cast<int32_t>(s.size())));
+  UErrorCode status = U_ZERO_ERROR;
+  std::unique_ptr<icu::BreakIterator> it(
+      icu::BreakIterator::createCharacterInstance(icu::Locale::getRoot(), status));
+  int32_t end = u.length();
+  if (U_SUCCESS(status) && it) {
+    it->setText(u);
+    int32_t pos = it->first();
+    for (size_t n = 0; n < limit && pos != icu::BreakIterator::DONE; ++n) pos = it->next();
+    if (pos != icu::BreakIterator::DONE) end = pos;
+  } else {
+    // No break rules: count code points rather than fail.
+    end = u.moveIndex32(0, static_cast<int32_t>(limit));
+  }
+  std::string out;
+  u.tempSubString(0, end).toUTF8String(out);
+  return out;
+}
+
+}  // namespace
+
+std::string host(std::string_view url) {
+  size_t scheme = url.find("://");
+  if (scheme == std::string_view::npos) return prefixCharacters(url, kBareURLLimit);
+  std::string_view rest = url.substr(scheme + 3);
+  rest = rest.substr(0, rest.find_first_of("/?#"));
+  std::string h = TeskText::lower(rest);
+  if (size_t at = h.rfind('@'); at != std::string::npos) h.erase(0, at + 1);
+  if (size_t colon = h.find(':'); colon != std::string::npos) h.erase(colon);
+  if (h.starts_with("www.")) h.erase(0, 4);
+  return h;
+}
+
+std::optional<double> chromiumInstant(int64_t microsSince1601) {
+  if (microsSince1601 == 0) return std::nullopt;
+  double t = TeskTime::fromWebKitDate(microsSince1601);
+  if (!(t > 0)) return std::nullopt;
+  return t;
+}
+
+std::optional<double> webkitInstant(double secondsSince2001) {
+  double t = secondsSince2001 + TeskTime::appleEpochOffset;
+  if (!std::isfinite(t) || !(t > 0)) return std::nullopt;
+  return t;
+}
+
+std::string_view querySQL(Source::Engine engine) {
+  switch (engine) {
+    case Source::Engine::chromium:
+      return "SELECT v.id, v.visit_time, u.url, u.title\n"
+             "FROM visits v JOIN urls u ON u.id = v.url\n"
+             "ORDER BY v.visit_time";
+    case Source::Engine::webkit:
+      return "SELECT v.id, v.visit_time, i.url, v.title\n"
+             "FROM history_visits v JOIN history_items i ON i.id = v.history_item\n"
+             "ORDER BY v.visit_time";
+  }
+  return {};
+}
+
+std::vector<Source> sources(const std::string& home) {
+  static const Source known[] = {
+      {"chrome", "/Library/Application Support/Google/Chrome/Default/History",
+       Source::Engine::chromium},
+      {"arc", "/Library/Application Support/Arc/User Data/Default/History",
+       Source::Engine::chromium},
+      {"safari", "/Library/Safari/History.db", Source::Engine::webkit},
+  };
+  std::vector<Source> found;
+  for (const Source& s : known) {
+    std::string path = home + s.path;
+    std::error_code ec;
+    if (std::filesystem::exists(path, ec)) found.push_back({s.key, std::move(path), s.engine});
+  }
+  return found;
+}
+
+namespace {
+
+void widen(std::optional<Span>& span, double t) {
+  if (!span) {
+    span = Span{t, t};
+    return;
+  }
+  span->from = std::min(span->from, t);
+  span->to = std::max(span->to, t);
+}
+
+// The filter's selectors, prepared once per read rather than once per row.
+struct Selectors {
+  explicit Selectors(const TeskIMessage::Filter& f)
+      : filter(f),
+        who(f.who && !f.who->empty() ? &*f.who : nullptr),
+        needle(f.query ? std::string_view(*f.query) : std::string_view()) {}
+
+  // True when the visit passes every selector: host contains who, body the query and
+  // the pattern, and the asked direction admits outgoing rows.
+  bool keep(const std::string& hostName, const std::string& body) const {
+    if (who && !TeskText::containsCaseInsensitive(hostName, *who)) return false;
+    if (!needle.empty() && !needle.in(body)) return false;
+    if (filter.grep && !filter.grep->search(body)) return false;
+    if (filter.direction && *filter.direction == TeskRow::Direction::incoming) return false;
+    return true;
+  }
+
+  const TeskIMessage::Filter& filter;
+  const std::string* who;
+  TeskText::Needle needle;
+};
+
+// One source's visits appended to `out`; a statement failure ends the source
+// with a denial, keeping what it had emitted.
+void readSource(const Source& source, const Selectors& sel, Result& out,
+                std::optional<Span>& overall) {
+  std::optional<TeskStore> store;
+  try {
+    store.emplace(source.path);
+  } catch (const TeskStoreError& e) {
+    out.denied.push_back(source.key + ": " + e.description());
+    return;
+  }
+  const TeskIMessage::Filter& f = sel.filter;
+  std::optional<Span> span;
+  int64_t emitted = 0;
+  const std::string prefix = source.key + ":";
+  try {
+    store->query(std::string(querySQL(source.engine)), [&](const TeskRowReader& r) {
+      std::optional<double> t = source.engine == Source::Engine::chromium
+                                    ? chromiumInstant(r.integer(1))
+                                    : webkitInstant(r.real(1));
+      if (!t) return;
+      widen(span, *t);
+      widen(overall, *t);
+      if ((f.since && *t < *f.since) || (f.until && *t > *f.until)) return;
+      std::string_view url = r.textView(2).value_or(std::string_view());
+      std::string_view title = r.textView(3).value_or(std::string_view());
+      std::string hostName = host(url);
+      if (hostName.empty()) {
+        ++out.excludedNoHost;
+        return;
+      }
+      std::string body;
+      if (title.empty()) {
+        body = url;
+      } else {
+        body.reserve(title.size() + url.size() + 4);
+        body.append(title).append(" \xC2\xB7 ").append(url);
+      }
+      if (!sel.keep(hostName, body)) return;
+      TeskRow row;
+      row.id = prefix + std::to_string(r.integer(0));
+      row.ts = *t;
+      row.src = source.key;
+      row.who = hostName;
+      row.teskID = std::move(hostName);
+      row.dir = TeskRow::Direction::outgoing;
+      row.kind = TeskRow::Kind::text;
+      row.body = std::move(body);
+      out.rows.push_back(std::move(row));
+      ++emitted;
+    });
+  } catch (const TeskStoreError& e) {
+    out.denied.push_back(source.key + ": schema moved \xE2\x80\x94 " + e.description());
+  }
+  out.perSource[source.key] = emitted;
+  if (span) out.horizons[source.key] = *span;
+}
+
+}  // namespace
+
+Result read(const TeskIMessage::Filter& filter, const std::optional<std::set<std::string>>& only,
+            const std::string& home) {
+  Result out;
+  const Selectors sel(filter);
+  std::optional<Span> overall;
+  for (const Source& source : sources(home)) {
+    if (only && !only->contains(source.key)) continue;
+    readSource(source, sel, out, overall);
+  }
+  std::stable_sort(out.rows.begin(), out.rows.end(),
+                   [](const TeskRow& a, const TeskRow& b) { return a.ts < b.ts; });
+  out.horizon = overall;
+  return out;
+}
+
+}  // namespace TeskWeb

@@ -1,0 +1,68 @@
+// Browser history (Chrome, Arc, Safari) as rows, one per page visit. Each browser
+// keeps its own epoch, so every instant is converted here, at the point of reading;
+// each browser's span is kept apart because Chrome retains ~90 days while Arc and
+// Safari are staler, and one merged span would hide the shortest.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "report/TeskRow.h"
+#include "sources/messages/TeskFilter.h"
+
+namespace TeskWeb {
+
+// One browser history file that exists under the home directory.
+struct Source {
+  enum class Engine { chromium, webkit };
+  std::string key;  // "chrome", "arc" or "safari": the rows' `src`
+  std::string path;
+  Engine engine = Engine::chromium;
+};
+
+// The earliest and latest valid visit instant seen (unix seconds).
+struct Span {
+  double from = 0;
+  double to = 0;
+  bool operator==(const Span&) const = default;
+};
+
+struct Result {
+  std::vector<TeskRow> rows;        // ascending by ts (stable)
+  std::optional<Span> horizon;      // over every read source; present only when from <= to
+  std::vector<std::string> denied;  // "<key>: <why>", one per source that could not be read
+  std::map<std::string, int64_t> perSource;  // emitted rows per source key
+  std::map<std::string, Span> horizons;      // per read source that had a valid visit
+  int64_t excludedNoHost = 0;                // visits inside the window whose URL yields no host
+};
+
+// The known histories whose file exists, in the order chrome, arc, safari.
+std::vector<Source> sources(const std::string& home);
+
+// Reads every source of `sources(home)` whose key is in `only` (all when absent).
+// Uses filter.since/until/who/direction/grep/query. Never throws: whatever cannot
+// be read becomes a `denied` entry and the other sources are still read.
+Result read(const TeskIMessage::Filter& filter, const std::optional<std::set<std::string>>& only,
+            const std::string& home);
+
+// The host a visit is attributed to: the lower-cased authority without user
+// information, port or a leading "www."; for a URL without "://" its first 60
+// characters as they stand. Empty only for an empty authority (or empty URL).
+std::string host(std::string_view url);
+
+// Chromium visit_time (microseconds since 1601) to unix seconds; nothing for 0 or
+// for an instant at or before 1970.
+std::optional<double> chromiumInstant(int64_t microsSince1601);
+// WebKit visit_time (REAL seconds since 2001) to unix seconds, fraction kept;
+// nothing for an instant at or before 1970 (or a non-finite value).
+std::optional<double> webkitInstant(double secondsSince2001);
+
+// The statement each engine is read with, one ordered pass.
+std::string_view querySQL(Source::Engine engine);
+
+}  // namespace TeskWeb
