@@ -1,0 +1,369 @@
+#include "sources/messages/TeskIMessage.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <limits>
+#include <unordered_map>
+
+#include "cli/TeskText.h"
+#include "cli/TeskTime.h"
+#include "store/TeskFunctions.h"
+#include "store/TeskStore.h"
+
+namespace TeskIMessage {
+namespace {
+
+// The projection, piece by piece; WHO is the counterpart expression.
+constexpr const char* kWho = "tesk_who(h.id, c.chat_identifier, COALESCE(c.style, 0))";
+constexpr const char* kP1 =
+    "SELECT m.ROWID                                   AS row_id,\n       tesk_ts(m.date)           "
+    "                AS ts,\n       m.date                                    AS raw_date,\n       "
+    "m.is_from_me                              AS is_from_me,\n       m.associated_message_type    "
+    "             AS amt,\n       ";
+constexpr const char* kP2 = "                                    AS who,\n       tesk_canonical(";
+constexpr const char* kP3 =
+    ")                    AS tesk_id,\n       tesk_kind(m.ROWID, m.text, m.attributedBody,\n       "
+    "          m.associated_message_type, ";
+constexpr const char* kP5 =
+    ") AS kind,\n       tesk_body(m.ROWID, m.text, m.attributedBody) AS body,\n       (CASE WHEN "
+    "COALESCE(c.style, 0) = 43 THEN 1 ELSE 0 END) AS grp,\n       ";
+constexpr const char* kFiltered = "(CASE WHEN COALESCE(c.is_filtered, 0) = 1 THEN 1 ELSE 0 END)";
+constexpr const char* kP6 =
+    "                             AS filtered,\n       COALESCE(j.chat_id, 0)                    "
+    "AS chat_id,\n       c.chat_identifier                         AS chat_identifier,\n       ";
+constexpr const char* kUnread =
+    "(CASE WHEN m.item_type = 0 AND m.is_read = 0 AND m.is_from_me = 0\n            AND "
+    "m.is_finished = 1 AND m.is_system_message = 0\n      THEN 1 ELSE 0 END)";
+constexpr const char* kP7 = "                                 AS unread,\n       ";
+constexpr const char* kP8 =
+    "                               AS attachments\nFROM message m\nLEFT JOIN handle h ON h.ROWID "
+    "= m.handle_id\nLEFT JOIN (SELECT message_id, MIN(chat_id) AS chat_id\n           FROM "
+    "chat_message_join GROUP BY message_id) j\n       ON j.message_id = m.ROWID\nLEFT JOIN chat c "
+    "ON c.ROWID = j.chat_id\n";
+constexpr const char* kAtt1 =
+    "LEFT JOIN (SELECT maj.message_id AS mid, COUNT(*) AS n\n           FROM "
+    "message_attachment_join maj\n           JOIN attachment a ON a.ROWID = maj.attachment_id\n    "
+    "       ";
+constexpr const char* kAttHide = "WHERE COALESCE(a.hide_attachment, 0) = 0";
+constexpr const char* kAtt2 = "\n           GROUP BY maj.message_id) att ON att.mid = m.ROWID";
+
+constexpr const char* kStatsTail =
+    ",\n       SUM(CASE WHEN j.chat_id IS NULL AND c.chat_identifier IS NULL THEN 1 ELSE 0 END),"
+    "\n       SUM(CASE WHEN m.date IS NULL OR m.date = 0 THEN 1 ELSE 0 END)\nFROM message m\n"
+    "LEFT JOIN handle h ON h.ROWID = m.handle_id\nLEFT JOIN (SELECT message_id, MIN(chat_id) AS "
+    "chat_id\n           FROM chat_message_join GROUP BY message_id) j\n       ON j.message_id = "
+    "m.ROWID\nLEFT JOIN chat c ON c.ROWID = j.chat_id\nWHERE ";
+constexpr const char* kHiddenCount =
+    "SELECT COUNT(*) FROM attachment a WHERE COALESCE(a.hide_attachment, 0) = 1";
+
+std::string shortest(double v) {
+  char buf[64];
+  auto [end, ec] = std::to_chars(buf, buf + sizeof buf, v);
+  return ec == std::errc() ? std::string(buf, end) : std::to_string(v);
+}
+
+// One value of a predicate: a "?" with a bind, or a literal when inlining.
+class Holes {
+ public:
+  explicit Holes(bool inlineBinds) : inline_(inlineBinds) {}
+  std::string operator()(const TeskValue& v) {
+    if (!inline_) {
+      binds_.push_back(v);
+      return "?";
+    }
+    switch (v.type()) {
+      case TeskValue::Type::integer:
+        return std::to_string(v.integer());
+      case TeskValue::Type::real:
+        return shortest(v.real());
+      case TeskValue::Type::null:
+        return "NULL";
+      case TeskValue::Type::text: {
+        std::string out = "'";
+        for (char c : v.text()) {
+          out += c;
+          if (c == '\'') out += '\'';
+        }
+        return out + "'";
+      }
+    }
+    return "NULL";
+  }
+  std::vector<TeskValue> take() { return std::move(binds_); }
+
+ private:
+  bool inline_;
+  std::vector<TeskValue> binds_;
+};
+
+// Nanoseconds since 2001 for a bound; 0 when there is none (which switches it off).
+int64_t boundNs(const std::optional<double>& t) { return t ? TeskTime::toAppleNanoseconds(*t) : 0; }
+
+double appleToUnix(int64_t v) { return TeskTime::fromAppleDate(v); }
+
+}  // namespace
+
+std::string defaultPath(const std::string& home) { return home + "/Library/Messages/chat.db"; }
+
+Schema probe(TeskStore& store) {
+  Schema s;
+  s.dateEdited = store.columnExists("date_edited", "message");
+  s.isFiltered = store.columnExists("is_filtered", "chat");
+  s.itemType = store.columnExists("item_type", "message");
+  s.isRead = store.columnExists("is_read", "message");
+  s.isFinished = store.columnExists("is_finished", "message");
+  s.isSystemMessage = store.columnExists("is_system_message", "message");
+  s.attachments = store.tableExists("attachment") && store.tableExists("message_attachment_join");
+  s.hideAttachment = s.attachments && store.columnExists("hide_attachment", "attachment");
+  return s;
+}
+
+std::pair<std::string, std::vector<TeskValue>> predicates(const Schema& schema,
+                                                          const Filter& filter, bool inlineBinds,
+                                                          bool keepTapbacks) {
+  Holes hole(inlineBinds);
+  std::vector<std::string> conds;
+  int64_t sinceNs = boundNs(filter.since);
+  conds.push_back("(" + hole(int64_t{sinceNs != 0 ? 1 : 0}) +
+                  " = 0 OR m.date IS NULL OR m.date >= " + hole(sinceNs) +
+                  " OR m.date < 1000000000000)");
+  int64_t untilNs = boundNs(filter.until);
+  conds.push_back("(" + hole(int64_t{untilNs != 0 ? 1 : 0}) +
+                  " = 0 OR m.date IS NULL OR m.date <= " + hole(untilNs) +
+                  " OR m.date < 1000000000000)");
+  if (filter.unreadOnly && schema.unreadSupported()) {
+    conds.push_back(
+        "(m.item_type = 0 AND m.is_read = 0 AND m.is_from_me = 0\n AND m.is_finished = 1 AND "
+        "m.is_system_message = 0)");
+  }
+  if (!filter.includeTapbacks && !keepTapbacks) {
+    conds.push_back("NOT (" + TeskFunctions::tapbackSQL + ")");
+  }
+  if (filter.direction) {
+    conds.push_back("m.is_from_me = " +
+                    hole(int64_t{*filter.direction == TeskRow::Direction::outgoing ? 1 : 0}));
+  }
+  if (filter.who && !filter.who->empty()) {
+    conds.push_back("tesk_match(" + hole(*filter.who) + "," + " " + kWho + ") = 1");
+  }
+  std::string sql;
+  for (const std::string& c : conds) {
+    if (!sql.empty()) sql += "\n  AND ";
+    sql += c;
+  }
+  return {sql, hole.take()};
+}
+
+std::string projection(const Schema& schema) {
+  const std::string att = schema.attachments ? "COALESCE(att.n, 0)" : "0";
+  std::string s = kP1;
+  s += kWho;
+  s += kP2;
+  s += kWho;
+  s += kP3;
+  s += schema.dateEdited ? "m.date_edited" : "0";
+  s += ", ";
+  s += att;
+  s += kP5;
+  s += schema.isFiltered ? kFiltered : "0";
+  s += kP6;
+  s += schema.unreadSupported() ? kUnread : "0";
+  s += kP7;
+  s += att;
+  s += kP8;
+  if (schema.attachments) {
+    s += kAtt1;
+    if (schema.hideAttachment) s += kAttHide;
+    s += kAtt2;
+  }
+  return s;
+}
+
+std::optional<TeskSpan> storeHorizon(TeskStore& store) {
+  std::optional<TeskSpan> out;
+  store.query("SELECT MIN(m.date), MAX(m.date) FROM message m WHERE m.date != 0",
+              [&](const TeskRowReader& r) {
+                double from = appleToUnix(r.integer(0));
+                double to = appleToUnix(r.integer(1));
+                if (from > 0 && to > 0 && from <= to) out = TeskSpan{from, to};
+              });
+  return out;
+}
+
+Result stats(TeskStore& store, const Filter& filter) {
+  Schema schema = probe(store);
+  Result result;
+  result.unreadSupported = schema.unreadSupported();
+  result.attachmentsSupported = schema.attachments;
+
+  // A waterfall: each row is counted once, under the first exclusion that applies.
+  std::vector<std::string> active;
+  auto counter = [&active](bool on, const std::string& cond) -> std::string {
+    if (!on) return "0";
+    std::string c = "SUM(CASE WHEN " + cond;
+    if (!active.empty()) {
+      c += " AND NOT (";
+      for (size_t i = 0; i < active.size(); ++i) c += (i ? " OR " : "") + active[i];
+      c += ")";
+    }
+    c += " THEN 1 ELSE 0 END)";
+    active.push_back(cond);
+    return c;
+  };
+  std::string tap = counter(!filter.includeTapbacks, "(" + TeskFunctions::tapbackSQL + ")");
+  std::string grp = counter(!filter.includeGroups, "(COALESCE(c.style, 0) = 43)");
+  std::string fil = counter(!filter.includeFiltered,
+                            schema.isFiltered ? "(COALESCE(c.is_filtered, 0) = 1)" : "(0)");
+  auto [where, binds] = predicates(schema, filter, false, true);
+  std::string sql = "SELECT " + tap + ", " + grp + ", " + fil + kStatsTail + where;
+  store.query(sql, binds, [&](const TeskRowReader& r) {
+    result.excludedTapback = r.integer(0);
+    result.excludedGroup = r.integer(1);
+    result.excludedFiltered = r.integer(2);
+    result.orphans = r.integer(3);
+    result.undated = r.integer(4);
+  });
+  if (schema.hideAttachment) result.hiddenAttachments = store.scalarInt(kHiddenCount).value_or(0);
+  result.horizon = storeHorizon(store);
+  return result;
+}
+
+namespace {
+
+void attachRows(TeskStore& store, const Schema& schema, const std::string& home,
+                const std::unordered_map<int64_t, std::vector<size_t>>& index, int64_t lo,
+                int64_t hi, Result& result) {
+  if (schema.hideAttachment) result.hiddenAttachments = store.scalarInt(kHiddenCount).value_or(0);
+  std::string sql =
+      "SELECT maj.message_id, a.filename, a.transfer_name, a.mime_type, a.total_bytes\n"
+      "FROM message_attachment_join maj\nJOIN attachment a ON a.ROWID = maj.attachment_id\n"
+      "WHERE maj.message_id BETWEEN ? AND ?";
+  if (schema.hideAttachment) sql += " AND COALESCE(a.hide_attachment, 0) = 0";
+  sql += "\nORDER BY maj.message_id, a.ROWID";
+  try {
+    store.query(sql, {lo, hi}, [&](const TeskRowReader& r) {
+      auto it = index.find(r.integer(0));
+      if (it == index.end()) return;
+      TeskAttachment a;
+      if (auto f = r.text(1)) {
+        a.path = (!f->empty() && f->front() == '~') ? home + f->substr(1) : *f;
+      }
+      a.name = r.text(2);
+      a.mime = r.text(3);
+      a.bytes = r.integer(4);
+      for (size_t pos : it->second) result.rows[pos].attachments.push_back(a);
+    });
+  } catch (const TeskStoreError&) {
+    // The rows keep what they have; attachments are garnish, not the answer.
+  }
+  for (TeskRow& row : result.rows) {
+    if (row.kind == TeskRow::Kind::empty && !row.attachments.empty()) {
+      row.kind = TeskRow::Kind::attachment;
+    }
+  }
+}
+
+}  // namespace
+
+Result read(TeskStore& store, const Filter& filter, const std::string& home) {
+  Schema schema = probe(store);
+  Result result;
+  result.unreadSupported = schema.unreadSupported();
+  result.attachmentsSupported = schema.attachments;
+
+  auto [where, binds] = predicates(schema, filter, false, false);
+  const std::string sql = projection(schema) + "\nWHERE " + where + "\nORDER BY m.date";
+  const bool wantQuery = filter.query && !filter.query->empty();
+  const TeskText::Needle needle(wantQuery ? *filter.query : std::string());
+  std::unordered_map<int64_t, std::vector<size_t>> index;
+  double lo = std::numeric_limits<double>::max(), hi = -lo;
+  int64_t idLo = std::numeric_limits<int64_t>::max(), idHi = std::numeric_limits<int64_t>::min();
+
+  store.query(sql, binds, [&](const TeskRowReader& r) {
+    const int64_t rowID = r.integer(0);
+    const double ts = r.real(1);
+    if (ts > 0) {
+      lo = std::min(lo, ts);
+      hi = std::max(hi, ts);
+    }
+    if ((filter.since && ts < *filter.since) || (filter.until && ts > *filter.until)) return;
+    const bool unread = r.integer(13) == 1;
+    if (filter.unreadOnly && !unread) return;
+    auto kindText = r.textView(7);
+    TeskRow::Kind kind =
+        TeskRow::kindFromRaw(kindText.value_or("empty")).value_or(TeskRow::Kind::empty);
+    if (kind == TeskRow::Kind::tapback && !filter.includeTapbacks) {
+      ++result.excludedTapback;
+      return;
+    }
+    const bool grp = r.integer(9) == 1;
+    if (grp && !filter.includeGroups) {
+      ++result.excludedGroup;
+      return;
+    }
+    const bool filtered = r.integer(10) == 1;
+    if (filtered && !filter.includeFiltered) {
+      ++result.excludedFiltered;
+      return;
+    }
+    std::string_view body = r.textView(8).value_or(std::string_view());
+    if (wantQuery && !needle.in(body)) return;
+    if (filter.grep && !filter.grep->search(body)) return;
+
+    TeskRow row;
+    row.id = "im:" + std::to_string(rowID);
+    row.ts = ts;
+    row.src = "im";
+    row.who = std::string(r.textView(5).value_or(std::string_view()));
+    row.teskID = std::string(r.textView(6).value_or(std::string_view()));
+    row.dir = r.integer(3) == 1 ? TeskRow::Direction::outgoing : TeskRow::Direction::incoming;
+    row.kind = kind;
+    row.body = std::string(body);
+    row.group = grp;
+    row.filtered = filtered;
+    row.chatID = r.integer(11);
+    row.unread = unread;
+    index[rowID].push_back(result.rows.size());
+    idLo = std::min(idLo, rowID);
+    idHi = std::max(idHi, rowID);
+    result.rows.push_back(std::move(row));
+  });
+
+  try {
+    Result counts = stats(store, filter);
+    result.excludedTapback = counts.excludedTapback;
+    result.orphans = counts.orphans;
+    result.undated = counts.undated;
+  } catch (const TeskStoreError&) {
+    // Counts stay those of the rows read; orphans and undated stay 0.
+  }
+  if (schema.attachments && !result.rows.empty()) {
+    attachRows(store, schema, home, index, idLo, idHi, result);
+  }
+  std::optional<TeskSpan> horizon;
+  if (lo <= hi) horizon = TeskSpan{lo, hi};
+  try {
+    if (auto s = storeHorizon(store)) {
+      horizon =
+          horizon ? TeskSpan{std::min(horizon->from, s->from), std::max(horizon->to, s->to)} : *s;
+    }
+  } catch (const TeskStoreError&) {
+  }
+  if (horizon && horizon->from <= horizon->to) result.horizon = horizon;
+  result.census = store.decodeCensus();
+  return result;
+}
+
+int64_t rawMessageCount(TeskStore& store) {
+  return store.scalarInt("SELECT COUNT(*) FROM message").value_or(-1);
+}
+
+int64_t innerJoinCount(TeskStore& store) {
+  return store
+      .scalarInt(
+          "SELECT COUNT(*) FROM message m\nJOIN chat_message_join j ON j.message_id = m.ROWID")
+      .value_or(-1);
+}
+
+}  // namespace TeskIMessage

@@ -1,0 +1,87 @@
+// The iMessage producer: one TeskRow per message of chat.db, with the counts the
+// receipt needs to state its denominator (exclusions, orphans, undated rows,
+// hidden attachments, the store's horizon).
+//
+// Whatever SQL can decide without decoding (dates, unread, tapbacks, direction,
+// who) is in the WHERE clause; body and kind are SQL functions, so only rows that
+// reach the projection are decoded. The exact window, the text query and --grep
+// are applied here.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "report/TeskRow.h"
+#include "report/TeskSpan.h"
+#include "sources/messages/TeskDecode.h"
+#include "sources/messages/TeskFilter.h"
+#include "store/TeskValue.h"
+
+class TeskStore;
+
+namespace TeskIMessage {
+
+// Optional parts of the schema, probed before any statement names them.
+struct Schema {
+  bool dateEdited = false;
+  bool isFiltered = false;
+  bool itemType = false;
+  bool isRead = false;
+  bool isFinished = false;
+  bool isSystemMessage = false;
+  bool attachments = false;     // attachment and message_attachment_join exist
+  bool hideAttachment = false;  // attachments and attachment.hide_attachment
+
+  bool unreadSupported() const { return itemType && isRead && isFinished && isSystemMessage; }
+};
+
+struct Result {
+  std::vector<TeskRow> rows;  // ascending m.date
+  TeskDecode::Census census;
+  int64_t excludedTapback = 0;
+  int64_t excludedGroup = 0;
+  int64_t excludedFiltered = 0;
+  int64_t orphans = 0;
+  int64_t undated = 0;
+  int64_t hiddenAttachments = 0;
+  bool unreadSupported = false;
+  bool attachmentsSupported = false;
+  std::optional<TeskSpan> horizon;
+};
+
+// home + "/Library/Messages/chat.db".
+std::string defaultPath(const std::string& home);
+
+// Probes the optional columns and tables; never throws.
+Schema probe(TeskStore& store);
+
+// The WHERE conditions for a schema and filter, joined with "\n  AND ". With
+// `inlineBinds` every value is written as a literal (a view cannot hold
+// parameters) and the bind list stays empty.
+std::pair<std::string, std::vector<TeskValue>> predicates(const Schema& schema,
+                                                          const Filter& filter, bool inlineBinds,
+                                                          bool keepTapbacks);
+
+// The SELECT with its joins; columns 0..14 are row_id, ts, raw_date, is_from_me,
+// amt, who, tesk_id, kind, body, grp, filtered, chat_id, chat_identifier, unread,
+// attachments.
+std::string projection(const Schema& schema);
+
+// The rows and counts for `filter`; throws TeskStoreError when the main statement
+// fails. `home` expands a leading "~" in attachment paths.
+Result read(TeskStore& store, const Filter& filter, const std::string& home);
+
+// The counts alone (no rows, no decoding); throws TeskStoreError.
+Result stats(TeskStore& store, const Filter& filter);
+
+// The span of dates the whole store holds, asked unbounded; throws on SQL errors.
+std::optional<TeskSpan> storeHorizon(TeskStore& store);
+
+// Diagnostics of the join trap; -1 when the count cannot be read.
+int64_t rawMessageCount(TeskStore& store);
+int64_t innerJoinCount(TeskStore& store);
+
+}  // namespace TeskIMessage
