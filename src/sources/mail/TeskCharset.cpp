@@ -1,0 +1,199 @@
+// Charset conversion of MIME text parts to UTF-8, and UTF-8 validation and repair.
+// Conversions go through ICU converters opened by IANA name with the STOP
+// callback, so an invalid byte fails the part instead of becoming U+FFFD.
+#include <unicode/ucnv.h>
+#include <unicode/ucnv_err.h>
+#include <unicode/ustring.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "sources/mail/TeskMail.h"
+
+namespace TeskMail {
+namespace {
+
+// Length of the well-formed UTF-8 sequence at `i`, or 0 when it is ill-formed;
+// `bad` then holds the length of its maximal ill-formed subpart (at least 1).
+size_t sequenceAt(std::string_view s, size_t i, size_t& bad) {
+  const auto byte = [&](size_t k) { return static_cast<unsigned char>(s[k]); };
+  const unsigned char b0 = byte(i);
+  bad = 1;
+  if (b0 < 0x80) return 1;
+  size_t need = 0;
+  unsigned char lo = 0x80, hi = 0xBF;
+  if (b0 >= 0xC2 && b0 <= 0xDF) {
+    need = 1;
+  } else if (b0 >= 0xE0 && b0 <= 0xEF) {
+    need = 2;
+    if (b0 == 0xE0) lo = 0xA0;
+    if (b0 == 0xED) hi = 0x9F;  // no surrogates
+  } else if (b0 >= 0xF0 && b0 <= 0xF4) {
+    need = 3;
+    if (b0 == 0xF0) lo = 0x90;
+    if (b0 == 0xF4) hi = 0x8F;  // nothing above U+10FFFF
+  } else {
+    return 0;
+  }
+  for (size_t k = 1; k <= need; ++k) {
+    if (i + k >= s.size()) return 0;
+    const unsigned char b = byte(i + k);
+    const unsigned char min = k == 1 ? lo : 0x80;
+    const unsigned char max = k == 1 ? hi : 0xBF;
+    if (b < min || b > max) return 0;
+    bad = k + 1;
+  }
+  return need + 1;
+}
+
+struct ConverterClose {
+  void operator()(UConverter* c) const { ucnv_close(c); }
+};
+using Converter = std::unique_ptr<UConverter, ConverterClose>;
+
+// Names whose usual payload is a superset encoding: mail labelled gb2312 routinely
+// holds GBK characters, and GBK decodes every valid GB2312 byte the same way.
+std::string_view icuName(std::string_view name) {
+  static constexpr std::string_view gb2312 = "gb2312";
+  if (name.size() == gb2312.size()) {
+    bool same = true;
+    for (size_t i = 0; i < name.size(); ++i) {
+      char c = name[i];
+      if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+      same = same && c == gb2312[i];
+    }
+    if (same) return "GBK";
+  }
+  return name;
+}
+
+// The converter for `name`, kept open across calls: opening one costs more than
+// converting a typical part. The program is single-threaded; each thread of a
+// test runner gets its own.
+UConverter* converterFor(std::string_view name, bool& known) {
+  thread_local std::string lastName;
+  thread_local Converter last;
+  if (last && name == lastName) {
+    known = true;
+    ucnv_resetToUnicode(last.get());
+    return last.get();
+  }
+  std::string z(icuName(name));
+  UErrorCode status = U_ZERO_ERROR;
+  Converter conv(ucnv_open(z.c_str(), &status));
+  if (U_FAILURE(status) || !conv) {
+    known = false;
+    return nullptr;
+  }
+  status = U_ZERO_ERROR;
+  ucnv_setToUCallBack(conv.get(), UCNV_TO_U_CALLBACK_STOP, nullptr, nullptr, nullptr, &status);
+  if (U_FAILURE(status)) {
+    known = false;
+    return nullptr;
+  }
+  known = true;
+  lastName.assign(name);
+  last = std::move(conv);
+  return last.get();
+}
+
+bool isUTF8OrASCII(UConverter* conv) {
+  UErrorCode status = U_ZERO_ERROR;
+  const char* canonical = ucnv_getName(conv, &status);
+  if (U_FAILURE(status) || canonical == nullptr) return false;
+  return std::strcmp(canonical, "UTF-8") == 0 || std::strcmp(canonical, "US-ASCII") == 0;
+}
+
+// Converts with the STOP callback; nothing when any byte is invalid in `conv`.
+std::optional<std::string> convert(UConverter* conv, std::string_view bytes) {
+  // Every input byte yields at most two UTF-16 units (one surrogate pair per byte
+  // or longer sequence); the input length is a real buffer size.
+  std::u16string wide(bytes.size() * 2 + 2, u'\0');
+  UErrorCode status = U_ZERO_ERROR;
+  UChar* target = wide.data();
+  const char* source = bytes.data();
+  ucnv_toUnicode(conv, &target, wide.data() + wide.size(), &source, bytes.data() + bytes.size(),
+                 nullptr, true, &status);
+  if (U_FAILURE(status)) return std::nullopt;
+  const int32_t units = static_cast<int32_t>(target - wide.data());
+  std::string out;
+  int32_t needed = 0;
+  status = U_ZERO_ERROR;
+  u_strToUTF8(nullptr, 0, &needed, wide.data(), units, &status);
+  if (status != U_BUFFER_OVERFLOW_ERROR && U_FAILURE(status)) return std::nullopt;
+  out.resize(static_cast<size_t>(needed));
+  status = U_ZERO_ERROR;
+  u_strToUTF8(out.data(), needed, &needed, wide.data(), units, &status);
+  if (U_FAILURE(status)) return std::nullopt;
+  return out;
+}
+
+std::string_view trimSpaces(std::string_view s) {
+  while (!s.empty() && s.front() == ' ') s.remove_prefix(1);
+  while (!s.empty() && s.back() == ' ') s.remove_suffix(1);
+  return s;
+}
+
+}  // namespace
+
+bool isValidUTF8(std::string_view bytes) {
+  size_t i = 0;
+  while (i < bytes.size()) {
+    // ASCII runs are the common case; skip them eight bytes at a time.
+    while (i + 8 <= bytes.size()) {
+      uint64_t word;
+      std::memcpy(&word, bytes.data() + i, 8);
+      if (word & 0x8080808080808080ULL) break;
+      i += 8;
+    }
+    if (i >= bytes.size()) break;
+    size_t bad = 0;
+    const size_t n = sequenceAt(bytes, i, bad);
+    if (n == 0) return false;
+    i += n;
+  }
+  return true;
+}
+
+std::string repairUTF8(std::string_view bytes) {
+  if (isValidUTF8(bytes)) return std::string(bytes);
+  std::string out;
+  out.reserve(bytes.size() + 16);
+  size_t i = 0;
+  while (i < bytes.size()) {
+    size_t bad = 0;
+    const size_t n = sequenceAt(bytes, i, bad);
+    if (n == 0) {
+      out.append("\xEF\xBF\xBD");
+      i += bad;
+    } else {
+      out.append(bytes.substr(i, n));
+      i += n;
+    }
+  }
+  return out;
+}
+
+std::optional<std::string> utf8(std::string_view bytes, std::optional<std::string_view> charset) {
+  if (charset) {
+    const std::string_view name = trimSpaces(*charset);
+    if (!name.empty()) {
+      bool known = false;
+      UConverter* conv = converterFor(name, known);
+      if (known && conv != nullptr) {
+        if (isUTF8OrASCII(conv)) {
+          // Unchanged when valid; ASCII is a subset, so the UTF-8 check covers both
+          // and the fallback below gives the same answer.
+          if (isValidUTF8(bytes)) return std::string(bytes);
+          return std::nullopt;
+        }
+        if (auto converted = convert(conv, bytes)) return converted;
+      }
+    }
+  }
+  if (isValidUTF8(bytes)) return std::string(bytes);
+  return std::nullopt;
+}
+
+}  // namespace TeskMail
