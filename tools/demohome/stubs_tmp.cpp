@@ -1,0 +1,10 @@
+#include "Home.h"
+namespace demohome {
+void writeMail(Home&) {}
+void writeCalendar(Home&) {}
+void writeReminders(Home&) {}
+void writeBrowsers(Home&) {}
+void writeAccounts(Home&) {}
+void writeCompanionFiles(Home&) {}
+void writeNotes(Home&) {}
+}  // namespace demohome
