@@ -144,7 +144,7 @@ void readStore(const std::string& path, Reading& st) {
       row.start = due;
       st.out.rows.push_back(std::move(row));
       if (!st.out.horizon) {
-        st.out.horizon = Span{placed, placed};
+        st.out.horizon = TeskSpan{placed, placed};
       } else {
         st.out.horizon->from = std::min(st.out.horizon->from, placed);
         st.out.horizon->to = std::max(st.out.horizon->to, placed);

@@ -12,22 +12,16 @@
 #include <vector>
 
 #include "report/TeskRow.h"
+#include "report/TeskSpan.h"
 #include "sources/messages/TeskFilter.h"
 
 namespace TeskReminders {
-
-// The smallest and largest placement instant (due, else stamp) over emitted rows.
-struct Span {
-  double from = 0;
-  double to = 0;
-  bool operator==(const Span&) const = default;
-};
 
 struct Result {
   std::vector<TeskRow> rows;        // ascending by ts (stable)
   std::vector<std::string> denied;  // "reminder: ..." per unreadable store, or no store at all
   std::map<std::string, int64_t> perStore;  // emitted rows per store file name
-  std::optional<Span> horizon;              // present only when from <= to
+  std::optional<TeskSpan> horizon;          // present only when from <= to
 };
 
 // What the probes found in one store; each false column reads as NULL (the

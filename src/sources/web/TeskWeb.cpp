@@ -56,10 +56,11 @@ std::string host(std::string_view url) {
 }
 
 std::optional<double> chromiumInstant(int64_t microsSince1601) {
-  if (microsSince1601 == 0) return std::nullopt;
-  double t = TeskTime::fromWebKitDate(microsSince1601);
-  if (!(t > 0)) return std::nullopt;
-  return t;
+  // Subtract in integers first: dividing the 1601-based count first would round
+  // away the microseconds (a double holds ~16 digits, the count has 17).
+  constexpr auto kEpochMicros = static_cast<int64_t>(-TeskTime::webkitEpochOffset) * 1000000;
+  if (microsSince1601 <= kEpochMicros) return std::nullopt;
+  return static_cast<double>(microsSince1601 - kEpochMicros) / 1e6;
 }
 
 std::optional<double> webkitInstant(double secondsSince2001) {
@@ -101,9 +102,9 @@ std::vector<Source> sources(const std::string& home) {
 
 namespace {
 
-void widen(std::optional<Span>& span, double t) {
+void widen(std::optional<TeskSpan>& span, double t) {
   if (!span) {
-    span = Span{t, t};
+    span = TeskSpan{t, t};
     return;
   }
   span->from = std::min(span->from, t);
@@ -135,7 +136,7 @@ struct Selectors {
 // One source's visits appended to `out`; a statement failure ends the source
 // with a denial, keeping what it had emitted.
 void readSource(const Source& source, const Selectors& sel, Result& out,
-                std::optional<Span>& overall) {
+                std::optional<TeskSpan>& overall) {
   std::optional<TeskStore> store;
   try {
     store.emplace(source.path);
@@ -144,7 +145,7 @@ void readSource(const Source& source, const Selectors& sel, Result& out,
     return;
   }
   const TeskIMessage::Filter& f = sel.filter;
-  std::optional<Span> span;
+  std::optional<TeskSpan> span;
   int64_t emitted = 0;
   const std::string prefix = source.key + ":";
   try {
@@ -196,7 +197,7 @@ Result read(const TeskIMessage::Filter& filter, const std::optional<std::set<std
             const std::string& home) {
   Result out;
   const Selectors sel(filter);
-  std::optional<Span> overall;
+  std::optional<TeskSpan> overall;
   for (const Source& source : sources(home)) {
     if (only && !only->contains(source.key)) continue;
     readSource(source, sel, out, overall);

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "report/TeskRow.h"
+#include "report/TeskSpan.h"
 #include "sources/messages/TeskFilter.h"
 
 namespace TeskWeb {
@@ -25,19 +26,12 @@ struct Source {
   Engine engine = Engine::chromium;
 };
 
-// The earliest and latest valid visit instant seen (unix seconds).
-struct Span {
-  double from = 0;
-  double to = 0;
-  bool operator==(const Span&) const = default;
-};
-
 struct Result {
   std::vector<TeskRow> rows;        // ascending by ts (stable)
-  std::optional<Span> horizon;      // over every read source; present only when from <= to
+  std::optional<TeskSpan> horizon;  // over every read source; present only when from <= to
   std::vector<std::string> denied;  // "<key>: <why>", one per source that could not be read
   std::map<std::string, int64_t> perSource;  // emitted rows per source key
-  std::map<std::string, Span> horizons;      // per read source that had a valid visit
+  std::map<std::string, TeskSpan> horizons;  // per read source that had a valid visit
   int64_t excludedNoHost = 0;                // visits inside the window whose URL yields no host
 };
 
