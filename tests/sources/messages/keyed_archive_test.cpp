@@ -1,0 +1,345 @@
+#include "sources/messages/TeskKeyedArchive.h"
+
+#include <gtest/gtest.h>
+#include <plist/plist.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "sources/messages/TeskDecode.h"
+
+namespace {
+
+using TeskKeyedArchive::Value;
+using Type = Value::Type;
+
+struct PlistFree {
+  void operator()(void* node) const { plist_free(node); }
+};
+using PlistPtr = std::unique_ptr<void, PlistFree>;
+
+// Builds NSKeyedArchiver archives the way Foundation lays them out: "$objects"[0] is
+// "$null", objects refer to each other and to their class by UID.
+class Archive {
+ public:
+  Archive() : objects_(plist_new_array()) { add(plist_new_string("$null")); }
+
+  // Appends a node to $objects (taking ownership) and returns its UID.
+  uint64_t add(plist_t node) {
+    plist_array_append_item(objects_.get(), node);
+    return plist_array_get_size(objects_.get()) - 1;
+  }
+  uint64_t string(const char* s) { return add(plist_new_string(s)); }
+
+  // A class description, shared by every object of that class.
+  uint64_t klass(std::vector<const char*> chain) {
+    plist_t dict = plist_new_dict();
+    plist_dict_set_item(dict, "$classname", plist_new_string(chain.front()));
+    plist_t classes = plist_new_array();
+    for (const char* c : chain) plist_array_append_item(classes, plist_new_string(c));
+    plist_dict_set_item(dict, "$classes", classes);
+    return add(dict);
+  }
+
+  // An object of class `cls` with `fields`, each a key and a node (a UID for objects).
+  uint64_t object(uint64_t cls, std::vector<std::pair<const char*, plist_t>> fields) {
+    plist_t dict = plist_new_dict();
+    for (auto& [key, node] : fields) plist_dict_set_item(dict, key, node);
+    plist_dict_set_item(dict, "$class", plist_new_uid(cls));
+    return add(dict);
+  }
+
+  static plist_t uids(std::vector<uint64_t> list) {
+    plist_t array = plist_new_array();
+    for (uint64_t u : list) plist_array_append_item(array, plist_new_uid(u));
+    return array;
+  }
+
+  uint64_t error(const char* domain, int64_t code, std::optional<uint64_t> underlying) {
+    if (!errorClass_) errorClass_ = klass({"NSError", "NSObject"});
+    if (!dictClass_) dictClass_ = klass({"NSDictionary", "NSObject"});
+    std::vector<uint64_t> keys, values;
+    if (underlying) {
+      keys.push_back(string("NSUnderlyingError"));
+      values.push_back(*underlying);
+    }
+    keys.push_back(string("NSLocalizedDescription"));
+    values.push_back(string("something failed"));
+    const uint64_t info =
+        object(*dictClass_, {{"NS.keys", uids(keys)}, {"NS.objects", uids(values)}});
+    return object(*errorClass_, {{"NSDomain", plist_new_uid(string(domain))},
+                                 {"NSCode", plist_new_uint(static_cast<uint64_t>(code))},
+                                 {"NSUserInfo", plist_new_uid(info)}});
+  }
+
+  // The archive's bytes with `root` as $top.root.
+  std::vector<uint8_t> bytes(uint64_t root, const char* topKey = "root") const {
+    PlistPtr top(plist_new_dict());
+    plist_dict_set_item(top.get(), "$version", plist_new_uint(100000));
+    plist_dict_set_item(top.get(), "$archiver", plist_new_string("NSKeyedArchiver"));
+    plist_t t = plist_new_dict();
+    plist_dict_set_item(t, topKey, plist_new_uid(root));
+    plist_dict_set_item(top.get(), "$top", t);
+    plist_dict_set_item(top.get(), "$objects", plist_copy(objects_.get()));
+    char* raw = nullptr;
+    uint32_t length = 0;
+    plist_to_bin(top.get(), &raw, &length);
+    std::unique_ptr<char, void (*)(char*)> owned(raw, [](char* p) { plist_to_bin_free(p); });
+    return {raw, raw + length};
+  }
+
+ private:
+  PlistPtr objects_;
+  std::optional<uint64_t> errorClass_, dictClass_;
+};
+
+std::vector<uint8_t> readSample(const std::string& name) {
+  std::ifstream in(std::string(TESK_TEST_DATA) + "/plist/" + name, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+TEST(KeyedArchive, ReadsStringRoots) {
+  {
+    Archive a;
+    EXPECT_EQ(TeskKeyedArchive::string(a.bytes(a.string("plain"))), "plain");
+  }
+  {
+    Archive a;
+    const uint64_t cls = a.klass({"NSMutableString", "NSString", "NSObject"});
+    const uint64_t s = a.object(cls, {{"NS.string", plist_new_string("mutable")}});
+    EXPECT_EQ(TeskKeyedArchive::string(a.bytes(s)), "mutable");
+    EXPECT_EQ(TeskKeyedArchive::attributedString(a.bytes(s)), std::nullopt);
+  }
+  {  // Archives whose root was stored under another key.
+    Archive a;
+    EXPECT_EQ(TeskKeyedArchive::string(a.bytes(a.string("other key"), "name")), "other key");
+  }
+  // The account database keeps its data-class names this way.
+  EXPECT_EQ(TeskKeyedArchive::string(readSample("dataclass-Contacts")),
+            "com.apple.Dataclass.Contacts");
+  EXPECT_EQ(TeskKeyedArchive::string(readSample("dataclass-Calendars")),
+            "com.apple.Dataclass.Calendars");
+}
+
+TEST(KeyedArchive, ReadsAttributedStrings) {
+  {
+    Archive a;
+    const uint64_t text = a.string("keyed body");
+    const uint64_t cls = a.klass({"NSAttributedString", "NSObject"});
+    const uint64_t root = a.object(cls, {{"NSString", plist_new_uid(text)}});
+    EXPECT_EQ(TeskKeyedArchive::attributedString(a.bytes(root)), "keyed body");
+    const auto out = TeskDecode::attributedBody(a.bytes(root));
+    EXPECT_EQ(out.body, std::optional<std::string>("keyed body"));
+    EXPECT_EQ(out.tier, TeskDecode::Tier::keyedAttributed);
+    EXPECT_FALSE(out.direct);
+  }
+  {  // The mutable form, its string an NSMutableString object.
+    Archive a;
+    const uint64_t strCls = a.klass({"NSMutableString", "NSString", "NSObject"});
+    const uint64_t text = a.object(strCls, {{"NS.string", plist_new_string("mutable body")}});
+    const uint64_t cls = a.klass({"NSMutableAttributedString", "NSAttributedString", "NSObject"});
+    const uint64_t root =
+        a.object(cls, {{"NSString", plist_new_uid(text)}, {"NSAttributes", plist_new_uid(0)}});
+    EXPECT_EQ(TeskKeyedArchive::attributedString(a.bytes(root)), "mutable body");
+  }
+  {  // Another class holding an NSString field is not an attributed string.
+    Archive a;
+    const uint64_t cls = a.klass({"NSTextStorage", "NSObject"});
+    const uint64_t root = a.object(cls, {{"NSString", plist_new_uid(a.string("x"))}});
+    EXPECT_EQ(TeskKeyedArchive::attributedString(a.bytes(root)), std::nullopt);
+    EXPECT_EQ(TeskDecode::attributedBody(a.bytes(root)).tier, TeskDecode::Tier::undecodable);
+  }
+}
+
+TEST(KeyedArchive, DecodesTheValueModel) {
+  Archive a;
+  const uint64_t arrayCls = a.klass({"NSArray", "NSObject"});
+  const uint64_t dictCls = a.klass({"NSMutableDictionary", "NSDictionary", "NSObject"});
+  const uint64_t dateCls = a.klass({"NSDate", "NSObject"});
+  const uint64_t dataCls = a.klass({"NSData", "NSObject"});
+  const uint64_t urlCls = a.klass({"NSURL", "NSObject"});
+  const uint64_t nullCls = a.klass({"NSNull", "NSObject"});
+  const uint64_t date = a.object(dateCls, {{"NS.time", plist_new_real(700000000.5)}});
+  const uint64_t data = a.object(dataCls, {{"NS.data", plist_new_data("\x01\x00\x02", 3)}});
+  const uint64_t url = a.object(
+      urlCls,
+      {{"NS.base", plist_new_uid(0)}, {"NS.relative", plist_new_uid(a.string("https://x.test/"))}});
+  const uint64_t null = a.object(nullCls, {});
+  const uint64_t list = a.object(
+      arrayCls, {{"NS.objects", Archive::uids({a.add(plist_new_uint(static_cast<uint64_t>(-5))),
+                                               a.add(plist_new_real(2.5)), a.add(plist_new_bool(1)),
+                                               date, data, url, null, 0})}});
+  const uint64_t root =
+      a.object(dictCls, {{"NS.keys", Archive::uids({a.string("list"), a.string("name")})},
+                         {"NS.objects", Archive::uids({list, a.string("value")})}});
+
+  const auto v = TeskKeyedArchive::decode(a.bytes(root));
+  ASSERT_TRUE(v.has_value());
+  ASSERT_EQ(v->type, Type::dictionary);
+  ASSERT_EQ(v->entries.size(), 2u);
+  ASSERT_NE(v->entry("name"), nullptr);
+  EXPECT_EQ(v->entry("name")->string, "value");
+  const Value* items = v->entry("list");
+  ASSERT_NE(items, nullptr);
+  ASSERT_EQ(items->type, Type::array);
+  ASSERT_EQ(items->items.size(), 8u);
+  const auto& it = items->items;
+  EXPECT_EQ(it[0].type, Type::integer);
+  EXPECT_EQ(it[0].integer, -5);
+  EXPECT_EQ(it[1].type, Type::real);
+  EXPECT_DOUBLE_EQ(it[1].real, 2.5);
+  EXPECT_EQ(it[2].type, Type::boolean);
+  EXPECT_TRUE(it[2].boolean);
+  EXPECT_EQ(it[3].type, Type::date);
+  EXPECT_DOUBLE_EQ(it[3].real, 700000000.5);
+  EXPECT_EQ(it[4].type, Type::data);
+  EXPECT_EQ(it[4].string, std::string("\x01\x00\x02", 3));
+  ASSERT_EQ(it[5].type, Type::object);
+  EXPECT_EQ(it[5].className(), "NSURL");
+  EXPECT_EQ(it[5].classes, (std::vector<std::string>{"NSURL", "NSObject"}));
+  ASSERT_NE(it[5].field("NS.relative"), nullptr);
+  EXPECT_EQ(it[5].field("NS.relative")->string, "https://x.test/");
+  EXPECT_EQ(it[5].field("NS.base")->type, Type::null);
+  EXPECT_EQ(it[6].type, Type::null);  // NSNull
+  EXPECT_EQ(it[7].type, Type::null);  // $null
+}
+
+TEST(KeyedArchive, FollowsErrorChains) {
+  {  // Three deep, the root an error.
+    Archive a;
+    const uint64_t inner = a.error("kCFErrorDomainCFNetwork", 2, std::nullopt);
+    const uint64_t middle = a.error("NSPOSIXErrorDomain", 50, inner);
+    const uint64_t outer = a.error("NSURLErrorDomain", -1009, middle);
+    EXPECT_EQ(
+        TeskKeyedArchive::errorChain(a.bytes(outer)),
+        "NSURLErrorDomain -1009 \u2192 NSPOSIXErrorDomain 50 \u2192 kCFErrorDomainCFNetwork 2");
+  }
+  {  // The first error depth-first inside a dictionary of arrays.
+    Archive a;
+    const uint64_t arrayCls = a.klass({"NSArray", "NSObject"});
+    const uint64_t dictCls = a.klass({"NSDictionary", "NSObject"});
+    const uint64_t first = a.error("com.google.auth", 401, std::nullopt);
+    const uint64_t second = a.error("second", 1, std::nullopt);
+    const uint64_t list =
+        a.object(arrayCls, {{"NS.objects", Archive::uids({a.string("x"), first})}});
+    const uint64_t root =
+        a.object(dictCls, {{"NS.keys", Archive::uids({a.string("a"), a.string("b")})},
+                           {"NS.objects", Archive::uids({list, second})}});
+    EXPECT_EQ(TeskKeyedArchive::errorChain(a.bytes(root)), "com.google.auth 401");
+  }
+  {  // At most eight errors.
+    Archive a;
+    std::optional<uint64_t> next;
+    for (int i = 10; i >= 1; --i) next = a.error("d", i, next);
+    EXPECT_EQ(TeskKeyedArchive::errorChain(a.bytes(*next)),
+              "d 1 \u2192 d 2 \u2192 d 3 \u2192 d 4 \u2192 d 5 \u2192 d 6 \u2192 d 7 \u2192 d 8");
+  }
+  {  // Classes outside the allowed set make the archive unreadable for this purpose.
+    Archive a;
+    const uint64_t err = a.error("d", 1, std::nullopt);
+    const uint64_t cls = a.klass({"LPLinkMetadata", "NSObject"});
+    const uint64_t root = a.object(cls, {{"error", plist_new_uid(err)}});
+    EXPECT_EQ(TeskKeyedArchive::errorChain(a.bytes(root)), std::nullopt);
+  }
+  {
+    Archive a;
+    EXPECT_EQ(TeskKeyedArchive::errorChain(a.bytes(a.string("no error here"))), std::nullopt);
+  }
+  EXPECT_EQ(TeskKeyedArchive::errorChain(std::vector<uint8_t>{'b', 'p', 'l', 'i', 's', 't'}),
+            std::nullopt);
+}
+
+TEST(KeyedArchive, ErrorCycleTerminates) {
+  // UIDs are positions in $objects: 1 and 2 the classes, 3 the key, 4 the user info,
+  // 5 the error, 6 its domain. The user info's underlying error is the error itself.
+  Archive a;
+  const uint64_t errorCls = a.klass({"NSError", "NSObject"});
+  const uint64_t dictCls = a.klass({"NSDictionary", "NSObject"});
+  const uint64_t key = a.string("NSUnderlyingError");
+  const uint64_t info =
+      a.object(dictCls, {{"NS.keys", Archive::uids({key})}, {"NS.objects", Archive::uids({5})}});
+  const uint64_t error = a.object(errorCls, {{"NSDomain", plist_new_uid(6)},
+                                             {"NSCode", plist_new_uint(7)},
+                                             {"NSUserInfo", plist_new_uid(info)}});
+  ASSERT_EQ(error, 5u);
+  ASSERT_EQ(a.string("loop"), 6u);
+  EXPECT_EQ(TeskKeyedArchive::errorChain(a.bytes(error)), "loop 7");
+}
+
+TEST(KeyedArchive, RefusesMalformedGraphs) {
+  const auto arrayOf = [](Archive& a, std::vector<uint64_t> uids) {
+    return a.object(a.klass({"NSArray", "NSObject"}), {{"NS.objects", Archive::uids(uids)}});
+  };
+  {
+    Archive a;
+    EXPECT_EQ(TeskKeyedArchive::decode(a.bytes(99)), std::nullopt) << "root past $objects";
+  }
+  {
+    Archive a;
+    const uint64_t list = arrayOf(a, {1000});
+    EXPECT_EQ(TeskKeyedArchive::decode(a.bytes(list)), std::nullopt) << "element past $objects";
+  }
+  {  // An array that holds itself: the inner reference reads as null.
+    Archive a;
+    const uint64_t cls = a.klass({"NSArray", "NSObject"});
+    const uint64_t list = a.object(cls, {{"NS.objects", Archive::uids({2, 0})}});
+    ASSERT_EQ(list, 2u);
+    const auto v = TeskKeyedArchive::decode(a.bytes(list));
+    ASSERT_TRUE(v.has_value());
+    ASSERT_EQ(v->items.size(), 2u);
+    EXPECT_EQ(v->items[0].type, Type::null);
+  }
+  {
+    Archive a;
+    const uint64_t cls = a.klass({"NSDictionary", "NSObject"});
+    const uint64_t d = a.object(
+        cls, {{"NS.keys", Archive::uids({a.string("k")})}, {"NS.objects", Archive::uids({})}});
+    EXPECT_EQ(TeskKeyedArchive::decode(a.bytes(d)), std::nullopt) << "keys without objects";
+  }
+  {  // $class pointing at something that is not a class description.
+    Archive a;
+    const uint64_t d = a.object(a.string("not a class"), {});
+    EXPECT_EQ(TeskKeyedArchive::decode(a.bytes(d)), std::nullopt) << "bad $class";
+  }
+  {  // Shared references that double at every level: 2^40 paths through 80 objects.
+    const auto started = std::chrono::steady_clock::now();
+    Archive a;
+    const uint64_t cls = a.klass({"NSArray", "NSObject"});
+    uint64_t next = a.string("leaf");
+    for (int i = 0; i < 40; ++i)
+      next = a.object(cls, {{"NS.objects", Archive::uids({next, next})}});
+    EXPECT_EQ(TeskKeyedArchive::decode(a.bytes(next)), std::nullopt) << "exponential sharing";
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2));
+  }
+  {  // A chain deeper than the depth bound.
+    Archive a;
+    const uint64_t cls = a.klass({"NSArray", "NSObject"});
+    uint64_t next = a.string("leaf");
+    for (int i = 0; i < 200; ++i) next = a.object(cls, {{"NS.objects", Archive::uids({next})}});
+    EXPECT_EQ(TeskKeyedArchive::decode(a.bytes(next)), std::nullopt) << "too deep";
+  }
+  const std::vector<std::string> notArchives = {"", "bplist00", "not a plist at all",
+                                                "<?xml version=\"1.0\"?><plist><dict/></plist>"};
+  for (const auto& bytes : notArchives) {
+    const std::vector<uint8_t> b(bytes.begin(), bytes.end());
+    EXPECT_EQ(TeskKeyedArchive::decode(b), std::nullopt) << bytes;
+    EXPECT_EQ(TeskKeyedArchive::attributedString(b), std::nullopt) << bytes;
+  }
+  {  // A binary plist that is not an archive.
+    PlistPtr dict(plist_new_dict());
+    plist_dict_set_item(dict.get(), "key", plist_new_string("value"));
+    char* raw = nullptr;
+    uint32_t length = 0;
+    plist_to_bin(dict.get(), &raw, &length);
+    const std::vector<uint8_t> b(raw, raw + length);
+    plist_to_bin_free(raw);
+    EXPECT_EQ(TeskKeyedArchive::decode(b), std::nullopt);
+  }
+}
+
+}  // namespace
