@@ -1,6 +1,5 @@
 #include "Home.h"
 namespace demohome {
-void writeCalendar(Home&) {}
 void writeReminders(Home&) {}
 void writeBrowsers(Home&) {}
 void writeAccounts(Home&) {}
