@@ -1,0 +1,423 @@
+#include "health/TeskDoctor.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <map>
+#include <set>
+
+#include "cli/TeskTime.h"
+#include "health/TeskGrant.h"
+#include "health/TeskOptelHealth.h"
+#include "sources/reminders/TeskReminders.h"
+#include "store/TeskStore.h"
+
+namespace TeskDoctor {
+namespace {
+
+namespace fs = std::filesystem;
+
+bool exists(const std::string& path) {
+  std::error_code ec;
+  return fs::exists(path, ec);
+}
+
+// Directory entry names, sorted; none when the directory cannot be listed.
+std::vector<std::string> entries(const std::string& dir) {
+  std::vector<std::string> names;
+  std::error_code ec;
+  fs::directory_iterator it(dir, ec);
+  for (; !ec && it != fs::directory_iterator(); it.increment(ec)) {
+    names.push_back(it->path().filename().string());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+int64_t saturate(double v) {
+  if (std::isnan(v)) return 0;
+  if (v >= 9.2e18) return std::numeric_limits<int64_t>::max();
+  if (v <= -9.2e18) return std::numeric_limits<int64_t>::min();
+  return static_cast<int64_t>(v);
+}
+
+Probe makeProbe(std::string key, Category category, std::vector<std::string> paths, bool aggregate,
+                std::string table, std::string column, Probe::Epoch epoch, bool forwardLooking,
+                std::optional<std::string> provider, std::string note) {
+  Probe p;
+  p.key = std::move(key);
+  p.category = category;
+  p.paths = std::move(paths);
+  p.aggregate = aggregate;
+  p.table = std::move(table);
+  p.column = std::move(column);
+  p.epoch = epoch;
+  p.forwardLooking = forwardLooking;
+  p.provider = std::move(provider);
+  p.note = std::move(note);
+  return p;
+}
+
+// What the opened stores of one probe add up to.
+struct Reading {
+  int opened = 0;
+  bool anyMax = false;
+  int64_t max = 0;
+  int64_t count = 0;
+  int64_t total = 0;
+  double modified = 0;
+  std::set<std::string> modes;
+  std::optional<std::string> failure;  // the first, only
+};
+
+void readStore(const Probe& probe, const std::string& path, double now, Reading& reading) {
+  std::optional<TeskStore> store;
+  try {
+    store.emplace(path);
+  } catch (const TeskStoreError& e) {
+    if (!reading.failure) reading.failure = e.description();
+    return;
+  }
+  std::optional<int64_t> max;
+  int64_t count = 0, total = 0;
+  try {
+    std::string sql = "SELECT MAX(" + probe.column + "), COUNT(*) FROM " + probe.table;
+    if (!probe.forwardLooking) {
+      // Rows dated more than an hour ahead are never taken as the newest.
+      sql += " WHERE " + probe.column +
+             " <= " + std::to_string(Probe::fromUnix(probe.epoch, now + 3600));
+    }
+    store->query(sql, [&](const TeskRowReader& row) {
+      if (!row.isNull(0)) max = row.integer(0);
+      count = row.integer(1);
+    });
+    store->query("SELECT COUNT(*) FROM " + probe.table,
+                 [&](const TeskRowReader& row) { total = row.integer(0); });
+  } catch (const TeskStoreError& e) {
+    if (!reading.failure) reading.failure = "schema moved: " + e.description();
+    return;
+  }
+  ++reading.opened;
+  if (max && (!reading.anyMax || *max > reading.max)) {
+    reading.max = *max;
+    reading.anyMax = true;
+  }
+  reading.count += count;
+  reading.total += total;
+  reading.modified = std::max(reading.modified, store->sourceModified());
+  reading.modes.insert(std::string(::rawValue(store->mode())));
+}
+
+std::string joined(const std::set<std::string>& modes) {
+  if (modes.empty()) return "-";
+  std::string out;
+  for (const std::string& m : modes) {
+    if (!out.empty()) out += '+';
+    out += m;
+  }
+  return out;
+}
+
+Row probeRow(const Probe& probe, double now, const std::optional<std::string>& cause) {
+  Row row;
+  row.key = probe.key;
+  row.category = probe.category;
+  row.cause = cause;
+
+  std::vector<std::string> paths = probe.resolved();
+  if (paths.empty()) {
+    row.verdict = probe.category == Category::b ? Verdict::dead : Verdict::absent;
+    row.detail = "not on this Mac at all — " + probe.note;
+    return row;
+  }
+
+  Reading reading;
+  for (const std::string& path : paths) readStore(probe, path, now, reading);
+  row.stores = reading.opened;
+  if (reading.opened == 0) {
+    row.verdict = Verdict::denied;
+    row.detail = reading.failure.value_or("unreadable") + " — " + probe.note;
+    return row;
+  }
+
+  row.count = reading.count;
+  row.future = std::max<int64_t>(reading.total - reading.count, 0);
+  if (probe.forwardLooking) {
+    // Future events are the point of such a store; its own last write says how fresh it is.
+    row.newest = reading.modified;
+    double behind = now - reading.modified;
+    if (behind < 0 && behind >= -60) behind = 0;
+    row.ageHours = behind / 3600;
+  } else {
+    row.newest = reading.anyMax ? Probe::toUnix(probe.epoch, reading.max) : 0;
+    row.ageHours =
+        row.newest > 0 ? (now - row.newest) / 3600 : std::numeric_limits<double>::infinity();
+  }
+  row.verdict = classify(probe.category, row.ageHours, row.count);
+  if (cause && (row.verdict == Verdict::fresh || row.verdict == Verdict::stale)) {
+    row.verdict = Verdict::partial;
+  }
+
+  std::string detail = probe.note;
+  if (row.count == 0) detail = "0 rows — " + detail;
+  if (row.future >= 1) {
+    detail = std::to_string(row.future) + " row(s) dated in the future, excluded — " + detail;
+  }
+  if (reading.opened != 1) {
+    detail = "summed across " + std::to_string(reading.opened) + " stores — " + detail;
+  }
+  if (cause) detail = *cause + " — " + detail;
+  row.detail = std::move(detail);
+  row.openMode = joined(reading.modes);
+  return row;
+}
+
+std::string ageText(double hours) {
+  if (std::isinf(hours) || std::isnan(hours)) return "-";
+  char buf[64];
+  std::snprintf(buf, sizeof buf, "%.1f", hours);
+  return buf;
+}
+
+}  // namespace
+
+std::string_view rawValue(Category category) { return category == Category::a ? "A" : "B"; }
+
+std::string_view rawValue(Verdict verdict) {
+  switch (verdict) {
+    case Verdict::fresh:
+      return "FRESH";
+    case Verdict::stale:
+      return "STALE";
+    case Verdict::partial:
+      return "PARTIAL";
+    case Verdict::dead:
+      return "DEAD";
+    case Verdict::denied:
+      return "DENIED";
+    case Verdict::absent:
+      return "ABSENT";
+  }
+  return "ABSENT";
+}
+
+std::vector<std::string> Probe::resolved() const {
+  std::vector<std::string> out;
+  for (const std::string& p : paths) {
+    if (!exists(p)) continue;
+    out.push_back(p);
+    if (!aggregate) break;
+  }
+  return out;
+}
+
+double Probe::toUnix(Epoch epoch, int64_t value) {
+  switch (epoch) {
+    case Epoch::apple:
+      return TeskTime::fromAppleDate(value);
+    case Epoch::webkit:
+      return TeskTime::fromWebKitDate(value);
+    case Epoch::unixSeconds:
+      return static_cast<double>(value);
+  }
+  return 0;
+}
+
+int64_t Probe::fromUnix(Epoch epoch, double unixSeconds) {
+  switch (epoch) {
+    case Epoch::apple:
+      return TeskTime::toAppleNanoseconds(unixSeconds);
+    case Epoch::webkit:
+      return saturate((unixSeconds - TeskTime::webkitEpochOffset) * 1e6);
+    case Epoch::unixSeconds:
+      return saturate(unixSeconds);
+  }
+  return 0;
+}
+
+Verdict classify(Category category, double ageHours, int64_t count) {
+  if (count == 0) return category == Category::a ? Verdict::absent : Verdict::dead;
+  if (ageHours >= 0 && ageHours <= 24) return Verdict::fresh;
+  if (ageHours > 24 && ageHours <= 168) return Verdict::stale;
+  return category == Category::a ? Verdict::stale : Verdict::dead;
+}
+
+std::optional<std::string> mailIndexPath(const std::string& home) {
+  std::string dir = home + "/Library/Mail";
+  std::vector<std::pair<uint64_t, std::string>> versions;
+  for (const std::string& name : entries(dir)) {
+    if (name.size() < 2 || name[0] != 'V') continue;
+    uint64_t n = 0;
+    auto [ptr, ec] = std::from_chars(name.data() + 1, name.data() + name.size(), n);
+    if (ec != std::errc() || ptr != name.data() + name.size()) continue;
+    versions.emplace_back(n, name);
+  }
+  std::stable_sort(versions.begin(), versions.end(),
+                   [](const auto& a, const auto& b) { return a.first > b.first; });
+  for (const auto& [n, name] : versions) {
+    std::string path = dir + "/" + name + "/MailData/Envelope Index";
+    if (exists(path)) return path;
+  }
+  return std::nullopt;
+}
+
+std::vector<std::string> addressBookPaths(const std::string& home) {
+  std::string dir = home + "/Library/Application Support/AddressBook";
+  std::vector<std::string> paths = {dir + "/AddressBook-v22.abcddb"};
+  for (const std::string& e : entries(dir + "/Sources")) {
+    paths.push_back(dir + "/Sources/" + e + "/AddressBook-v22.abcddb");
+  }
+  return paths;
+}
+
+std::vector<Probe> probes(const std::string& home) {
+  using E = Probe::Epoch;
+  const Category A = Category::a, B = Category::b;
+  std::vector<Probe> out;
+  out.push_back(makeProbe("im", A, {home + "/Library/Messages/chat.db"}, false, "message", "date",
+                          E::apple, false, std::nullopt,
+                          "iMessage — 98.1% of bodies are typedstream BLOBs"));
+  out.push_back(makeProbe("chrome", A,
+                          {home + "/Library/Application Support/Google/Chrome/Default/History"},
+                          false, "visits", "visit_time", E::webkit, false, std::nullopt,
+                          "Chrome — retains only ~90 days, so an old query silently returns less"));
+  out.push_back(makeProbe("arc", A,
+                          {home + "/Library/Application Support/Arc/User Data/Default/History"},
+                          false, "visits", "visit_time", E::webkit, false, std::nullopt,
+                          "Arc — a separate, near-disjoint corpus from Chrome"));
+  out.push_back(makeProbe("safari", A, {home + "/Library/Safari/History.db"}, false,
+                          "history_visits", "visit_time", E::apple, false, std::nullopt,
+                          "Safari — seconds since 2001, not nanoseconds"));
+  out.push_back(makeProbe(
+      "notes", A, {home + "/Library/Group Containers/group.com.apple.notes/NoteStore.sqlite"},
+      false, "ZICCLOUDSYNCINGOBJECT", "ZMODIFICATIONDATE1", E::apple, false, std::nullopt,
+      "Notes — bodies are gzip protobuf; will not open without -wal/-shm"));
+  out.push_back(makeProbe("reminder", A, TeskReminders::storePaths(home), true, "ZREMCDREMINDER",
+                          "ZLASTMODIFIEDDATE", E::apple, false, std::nullopt,
+                          "Apple Reminders — every unfinished item is readable; this count "
+                          "includes completed history"));
+  out.push_back(
+      makeProbe("cal", B,
+                {home + "/Library/Group Containers/group.com.apple.calendar/Calendar.sqlitedb",
+                 home + "/Library/Calendars/Calendar.sqlitedb"},
+                false, "CalendarItem", "end_date", E::apple, true, "Google",
+                "Calendar — the store holds rules, not instances; recurrence must be expanded"));
+  out.push_back(makeProbe(
+      "contacts", A, addressBookPaths(home), true, "ZABCDRECORD", "ZMODIFICATIONDATE", E::apple,
+      false, std::nullopt,
+      "Contacts — EVERY record in the address books, named or not; one book per account under "
+      "Sources/, the top-level book is nearly empty"));
+  if (auto mail = mailIndexPath(home)) {
+    out.push_back(makeProbe("mail", B, {*mail}, false, "messages", "date_received", E::unixSeconds,
+                            false, "Google",
+                            "Apple Mail ↔ Gmail — a mirror over a user-held OAuth grant"));
+  }
+  return out;
+}
+
+std::vector<Row> run(double now, const std::string& home) {
+  std::vector<Row> rows;
+  // One account lookup per provider per run.
+  std::map<std::string, std::optional<TeskGrant::Status>> statuses;
+  for (const Probe& probe : probes(home)) {
+    std::optional<std::string> cause;
+    if (probe.provider) {
+      auto it = statuses.find(*probe.provider);
+      if (it == statuses.end()) {
+        it = statuses.emplace(*probe.provider, TeskGrant::status(*probe.provider, home)).first;
+      }
+      const auto& s = it->second;
+      if (s && ((s->active && !s->authenticated) || s->lastError)) {
+        cause = *probe.provider + ": " + s->summary();
+      }
+    }
+    rows.push_back(probeRow(probe, now, cause));
+  }
+  rows.push_back(TeskOptelHealth::row(home, now));
+  return rows;
+}
+
+std::vector<std::string> render(const std::vector<Row>& rows) {
+  std::vector<std::string> lines;
+  lines.emplace_back("src\tcat\tverdict\tnewest\tage_h\trows\tfuture\topen\tdetail");
+  bool dead = false, partial = false, denied = false;
+  std::vector<std::string> causes;
+  for (const Row& r : rows) {
+    std::string line = r.key;
+    line += '\t';
+    line += rawValue(r.category);
+    line += '\t';
+    line += rawValue(r.verdict);
+    line += '\t';
+    line += r.newest > 0 ? TeskTime::isoString(r.newest) : "-";
+    line += '\t';
+    line += ageText(r.ageHours);
+    line += '\t';
+    line += std::to_string(r.count);
+    line += '\t';
+    line += std::to_string(r.future);
+    line += '\t';
+    line += r.openMode;
+    line += '\t';
+    line += r.detail;
+    lines.push_back(std::move(line));
+    dead |= r.verdict == Verdict::dead;
+    partial |= r.verdict == Verdict::partial;
+    denied |= r.verdict == Verdict::denied;
+    if (r.cause && std::find(causes.begin(), causes.end(), *r.cause) == causes.end()) {
+      causes.push_back(*r.cause);
+    }
+  }
+  if (dead) {
+    lines.emplace_back();
+    lines.emplace_back(
+        "# DEAD — a Category B mirror that stopped moving. macOS records no rejection;");
+    lines.emplace_back(
+        "# the disk just quietly stops changing. Re-authenticate in System Settings →");
+    lines.emplace_back(
+        "# Internet Accounts, or ask through the browser plane, which is logged in now.");
+    for (const Row& r : rows) {
+      if (r.verdict != Verdict::dead) continue;
+      std::string when = r.count == 0   ? "never — it is not on this Mac"
+                         : r.newest > 0 ? TeskTime::isoString(r.newest)
+                                        : "unknown";
+      lines.push_back("#   " + r.key + ": this Mac's copy stops at " + when);
+    }
+  }
+  if (partial) {
+    lines.emplace_back();
+    lines.emplace_back(
+        "# PARTIAL — the store is current and it is not the whole account. A provider");
+    lines.emplace_back(
+        "# inside it is failing, so what you can read is real and incomplete. Say which");
+    lines.emplace_back("# half you answered from before quoting a count.");
+    for (const Row& r : rows) {
+      if (r.verdict == Verdict::partial) {
+        lines.push_back("#   " + r.key + ": readable, missing whatever the failing provider owns");
+      }
+    }
+  }
+  if (!causes.empty()) {
+    lines.emplace_back();
+    lines.emplace_back(
+        "# CAUSE — read from Accounts4 and the provider's own error table, not inferred:");
+    for (const std::string& c : causes) lines.push_back("#   " + c);
+  }
+  if (denied) {
+    lines.emplace_back();
+    lines.emplace_back("# DENIED — the file exists and macOS will not let this process read it.");
+    lines.emplace_back(
+        "# Contacts and Calendar each need their own TCC grant; Full Disk Access is not enough.");
+    lines.emplace_back(
+        "# The reverse also holds: iMessage history needs Full Disk Access and nothing else");
+    lines.emplace_back("# will do — no AppleEvents path reads message bodies (Messages' scripting");
+    lines.emplace_back(
+        "# dictionary has no message class at all). But contacts do NOT need it: the");
+    lines.emplace_back("# roster prefers Contacts.framework, one consent sheet. See TeskContacts.");
+  }
+  return lines;
+}
+
+}  // namespace TeskDoctor

@@ -1,0 +1,232 @@
+#include "health/TeskPermission.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <set>
+
+namespace {
+
+using TeskPermission::Capability;
+using TeskPermission::Door;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+std::map<Door, bool> grantsOf(std::set<Door> open) {
+  std::map<Door, bool> m;
+  for (Door d : TeskPermission::allDoors) {
+    if (d != Door::none) m[d] = open.count(d) != 0;
+  }
+  return m;
+}
+
+std::vector<std::string> linesStarting(const std::vector<std::string>& lines,
+                                       std::string_view prefix) {
+  std::vector<std::string> out;
+  for (const auto& l : lines) {
+    if (l.starts_with(prefix)) out.push_back(l);
+  }
+  return out;
+}
+
+TEST(TeskPermission, RawValuesRoundTripAndAreUnique) {
+  std::set<std::string_view> seen;
+  for (Door d : TeskPermission::allDoors) {
+    EXPECT_EQ(TeskPermission::doorFromRaw(TeskPermission::rawValue(d)), d);
+    EXPECT_TRUE(seen.insert(TeskPermission::rawValue(d)).second);
+  }
+  EXPECT_EQ(TeskPermission::doorFromRaw("Full-Disk-Access"), std::nullopt);
+  EXPECT_EQ(TeskPermission::doorFromRaw(""), std::nullopt);
+  EXPECT_EQ(TeskPermission::rawValue(Capability::findPerson), "find-a-person");
+  EXPECT_EQ(TeskPermission::rawValue(Capability::seeScreen), "see-the-screen");
+}
+
+TEST(TeskPermission, DoorFlags) {
+  struct Case {
+    Door door;
+    bool sheet, setup, restarts;
+    std::optional<std::string_view> askedBy;
+  };
+  const Case cases[] = {
+      {Door::automationMessages, true, false, false, "send it"},
+      {Door::automationMail, true, false, false, "send it"},
+      {Door::calendarWrite, true, false, false, "add it"},
+      {Door::microphone, true, false, false, "the live glyph"},
+      {Door::accessibility, false, true, false, std::nullopt},
+      {Door::screenRecording, false, true, false, std::nullopt},
+      {Door::fullDisk, false, true, true, std::nullopt},
+      {Door::none, false, false, false, std::nullopt},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(TeskPermission::rawValue(c.door));
+    EXPECT_EQ(TeskPermission::asksWithASheet(c.door), c.sheet);
+    EXPECT_EQ(TeskPermission::askedAtSetup(c.door), c.setup);
+    EXPECT_EQ(TeskPermission::restartsTheApp(c.door), c.restarts);
+    EXPECT_EQ(TeskPermission::askedBy(c.door), c.askedBy);
+    EXPECT_EQ(TeskPermission::settingsAnchor(c.door).has_value(), c.door != Door::none);
+  }
+  EXPECT_EQ(TeskPermission::settingsAnchor(Door::automationMail),
+            TeskPermission::settingsAnchor(Door::automationMessages));
+}
+
+TEST(TeskPermission, CanonicalOrderIsStableOverAnyInput) {
+  std::vector<Door> reversed(TeskPermission::allDoors.rbegin(), TeskPermission::allDoors.rend());
+  EXPECT_THAT(TeskPermission::order(reversed),
+              ElementsAre(Door::accessibility, Door::screenRecording, Door::fullDisk,
+                          Door::automationMessages, Door::automationMail, Door::calendarWrite,
+                          Door::microphone, Door::none));
+  EXPECT_THAT(TeskPermission::order({Door::microphone, Door::fullDisk, Door::microphone}),
+              ElementsAre(Door::fullDisk, Door::microphone, Door::microphone));
+}
+
+TEST(TeskPermission, BoardHasSevenDoorsNeverNone) {
+  auto board = TeskPermission::board(grantsOf({Door::screenRecording}));
+  ASSERT_EQ(board.size(), 7u);
+  for (const auto& s : board) {
+    EXPECT_NE(s.door, Door::none);
+    EXPECT_EQ(s.granted, s.door == Door::screenRecording);
+  }
+  EXPECT_EQ(board.front().door, Door::accessibility);
+  EXPECT_EQ(board.back().door, Door::microphone);
+}
+
+TEST(TeskPermission, ServingAvailableBlockedByGrants) {
+  struct Case {
+    std::set<Door> open;
+    size_t available;
+    size_t blocked;
+  };
+  const Case cases[] = {
+      {{}, 1, 11},
+      {{Door::fullDisk}, 5, 7},
+      {{Door::accessibility, Door::screenRecording}, 4, 8},
+      {{Door::automationMessages, Door::automationMail, Door::calendarWrite, Door::microphone,
+        Door::accessibility, Door::screenRecording, Door::fullDisk},
+       12,
+       0},
+  };
+  for (const Case& c : cases) {
+    auto grants = TeskPermission::fromMap(grantsOf(c.open));
+    auto avail = TeskPermission::available(grants);
+    auto closed = TeskPermission::blocked(grants);
+    EXPECT_EQ(avail.size(), c.available);
+    EXPECT_EQ(closed.size(), c.blocked);
+    EXPECT_NE(std::find(avail.begin(), avail.end(), Capability::readBrowserHistory), avail.end());
+    for (const auto& [cap, door] : closed) {
+      EXPECT_NE(cap, Capability::readBrowserHistory);
+      EXPECT_EQ(door, TeskPermission::door(cap));
+      EXPECT_EQ(TeskPermission::serving(cap, grants).blockedBy, door);
+    }
+  }
+  auto onlyDisk = TeskPermission::fromMap(grantsOf({Door::fullDisk}));
+  EXPECT_TRUE(TeskPermission::serving(Capability::searchMail, onlyDisk).properly());
+  EXPECT_THAT(
+      TeskPermission::available(onlyDisk),
+      ElementsAre(Capability::searchMessages, Capability::searchMail, Capability::readCalendar,
+                  Capability::findPerson, Capability::readBrowserHistory));
+}
+
+TEST(TeskPermission, ReportWithEveryDoorClosed) {
+  auto lines = TeskPermission::report(grantsOf({}));
+  ASSERT_GE(lines.size(), 9u);
+  EXPECT_EQ(lines[0], "door\tgranted\tallows");
+  EXPECT_EQ(lines[1], "accessibility\tno\tlets mirel click and type in your apps");
+  EXPECT_EQ(lines[3],
+            "full-disk-access\tno\tlets mirel read your messages, gmail and google calendar");
+  EXPECT_EQ(lines[7], "microphone\tno\tlets mirel hear you only while live is on");
+  EXPECT_EQ(lines[8], "");
+  EXPECT_EQ(lines[9], "# not available, and the grant that would change it:");
+  auto blockedLines = linesStarting(lines, "#   ");
+  auto needs = std::count_if(blockedLines.begin(), blockedLines.end(), [](const auto& l) {
+    return l.find(" — needs ") != std::string::npos;
+  });
+  EXPECT_EQ(needs, 11);
+  EXPECT_EQ(lines[10], "#   search your message history — needs full disk access");
+  EXPECT_EQ(lines[20], "#   talk with mirel live — needs microphone");
+  EXPECT_THAT(lines, Not(::testing::Contains(HasSubstr("browser history — needs"))));
+  EXPECT_THAT(lines, ::testing::Contains("# ask: what mirel needs — incomplete"));
+  EXPECT_EQ(lines[lines.size() - 2],
+            "# ⚠ a granted door is not fresh data. the stores behind full disk access are");
+  EXPECT_EQ(lines.back(), "#   only as current as the account that fills them — see `tesk link`.");
+}
+
+TEST(TeskPermission, ReportWithOnlyFullDiskAccess) {
+  auto lines = TeskPermission::report(grantsOf({Door::fullDisk}));
+  auto blockedLines = linesStarting(lines, "#   ");
+  auto needs = std::count_if(blockedLines.begin(), blockedLines.end(), [](const auto& l) {
+    return l.find(" — needs ") != std::string::npos;
+  });
+  EXPECT_EQ(needs, 7);
+  for (std::string_view s : {"search your message history", "search your mail",
+                             "read your calendar", "find a person by name"}) {
+    EXPECT_THAT(lines, Not(::testing::Contains(HasSubstr(std::string(s) + " — needs"))));
+  }
+  EXPECT_THAT(lines, ::testing::Contains("# ask: what mirel needs — incomplete"));
+}
+
+TEST(TeskPermission, NoBlockedBlockWhenEverythingIsOpen) {
+  auto lines = TeskPermission::report(
+      grantsOf({Door::automationMessages, Door::automationMail, Door::calendarWrite,
+                Door::microphone, Door::accessibility, Door::screenRecording, Door::fullDisk}));
+  EXPECT_THAT(lines, Not(::testing::Contains(HasSubstr("# not available"))));
+  EXPECT_EQ(lines[8], "");
+  EXPECT_EQ(lines[9], "# ask: what mirel needs — complete");
+}
+
+TEST(TeskPermission, AskReportLinesExactly) {
+  auto lines = TeskPermission::askReport(
+      TeskPermission::fromMap(grantsOf({Door::accessibility, Door::calendarWrite})));
+  EXPECT_THAT(
+      lines,
+      ElementsAre(
+          "", "# ask: what mirel needs — incomplete",
+          "#   mirel needs three permissions from macos at setup. four more are asked by the "
+          "press that needs them, once each.",
+          "#   at setup:", "#     accessibility\tgranted\tlets mirel click and type in your apps",
+          "#     screen recording\tSYSTEM SETTINGS\tlets mirel see what is on your screen",
+          "#     full disk access\tSYSTEM SETTINGS\tlets mirel read your messages, gmail and "
+          "google "
+          "calendar\t(restarts the app — asked last)",
+          "#   at the press, once each:",
+          "#     messages\tasks on send it\tlets mirel send a message from your messages app",
+          "#     mail\tasks on send it\tlets mirel send mail from your mail app",
+          "#     calendar\tgranted\tlets mirel add the calendar events you approve",
+          "#     microphone\tasks on the live glyph\tlets mirel hear you only while live is on"));
+  // Granted or not, the restart warning stays on the full-disk line.
+  auto granted = TeskPermission::askReport(TeskPermission::fromMap(grantsOf({Door::fullDisk})));
+  EXPECT_EQ(granted[6],
+            "#     full disk access\tgranted\tlets mirel read your messages, gmail and google "
+            "calendar\t(restarts the app — asked last)");
+}
+
+TEST(TeskPermission, AskListsSetupAndPressDoors) {
+  auto a = TeskPermission::ask(TeskPermission::fromMap(grantsOf({Door::screenRecording})));
+  EXPECT_THAT(a.rows, ElementsAre(Door::accessibility, Door::screenRecording, Door::fullDisk));
+  EXPECT_THAT(a.inContext, ElementsAre(Door::automationMessages, Door::automationMail,
+                                       Door::calendarWrite, Door::microphone));
+  EXPECT_THAT(a.outstanding, ElementsAre(Door::accessibility, Door::fullDisk));
+  EXPECT_FALSE(a.isComplete());
+  EXPECT_EQ(a.capabilities.size(), 11u);
+  auto done = TeskPermission::ask(TeskPermission::fromMap(
+      grantsOf({Door::accessibility, Door::screenRecording, Door::fullDisk})));
+  EXPECT_TRUE(done.isComplete());
+}
+
+TEST(TeskPermission, LiveQueryOffMacOnlyOpensNoneAndMaybeFullDisk) {
+  EXPECT_TRUE(TeskPermission::isGranted(Door::none));
+#ifndef __APPLE__
+  for (Door d : {Door::automationMessages, Door::automationMail, Door::calendarWrite,
+                 Door::microphone, Door::accessibility, Door::screenRecording}) {
+    EXPECT_FALSE(TeskPermission::isGranted(d)) << TeskPermission::rawValue(d);
+  }
+  EXPECT_EQ(TeskPermission::isGranted(Door::fullDisk),
+            ::access("/Library/Preferences/com.apple.TimeMachine.plist", R_OK) == 0);
+#endif
+  EXPECT_EQ(TeskPermission::report().size(),
+            TeskPermission::report(TeskPermission::isGranted).size());
+}
+
+}  // namespace
