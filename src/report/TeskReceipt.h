@@ -13,7 +13,6 @@
 #include "report/TeskSpan.h"
 #include "sources/messages/TeskDecode.h"
 
-
 struct TeskReceipt {
   int64_t version = 1;
   std::string query;

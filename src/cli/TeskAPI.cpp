@@ -1,0 +1,105 @@
+#include "cli/TeskAPI.h"
+
+#include "report/TeskJSON.h"
+
+namespace TeskAPI {
+
+const std::vector<Verb>& verbs() {
+  static const std::vector<Verb> table{
+      {"search", "full text over decoded bodies"},
+      {"thread", "everything with one person"},
+      {"span", "a window of rows, newest last"},
+      {"im", "iMessage; alias for span/search over --src im"},
+      {"cal", "calendar, recurrence expanded"},
+      {"mail", "Apple Mail's Gmail mirror, bodies decoded from .emlx"},
+      {"who", "handle \u2192 canonical person, and every handle they use"},
+      {"sql", "SQL over the DECODED view"},
+      {"views", "the schema `tesk sql` sees"},
+      {"doctor", "per-source freshness, grant state, lock state"},
+      {"doors", "which permission each capability needs, and what it buys"},
+      {"link", "the google\u2194apple account link that fills the stores"},
+      {"gotchas", "the measured traps, and how this binary handles each"},
+      {"api", "this surface"},
+  };
+  return table;
+}
+
+const std::vector<std::string_view>& selectableVerbs() {
+  static const std::vector<std::string_view> table{"search", "thread", "span", "im",
+                                                   "cal",    "mail",   "who",  "sql"};
+  return table;
+}
+
+const std::vector<Selector>& selectors() {
+  // The alias --include-tapbacks is accepted but not advertised.
+  static const std::vector<Selector> table{
+      {"--src",
+       "sources, comma separated",
+       {"im", "mail", "cal", "reminder", "web", "chrome", "arc", "safari"}},
+      {"--who", "phone, email, or fragment", {}},
+      {"--since", "30d 12m 5y 48h 90min, or 2026-01-01", {}},
+      {"--until", "same shapes as --since, or +30d to look forward", {}},
+      {"--dir", "direction", {"in", "out"}},
+      {"--grep", "regex over the decoded body", {}},
+      {"--by", "one row per bucket instead of per row", {"day", "week", "month", "year", "who"}},
+      {"--limit", "N; 0 means no limit", {}},
+      {"--format", "how rows are rendered", {"auto", "tsv", "json", "agg"}},
+      {"--assert", "a term the receipt must satisfy", {}},
+      {"--include-reactions", "keep tapbacks, which are dropped by default", {}},
+      {"--no-groups", "one-to-one only", {}},
+      {"--include-filtered", "include the Unknown Senders filter", {}},
+      {"--unread", "unread only", {}},
+      {"--db", "read a specific store instead of the default", {}},
+      {"--budget", "characters the answer may spend", {}},
+  };
+  return table;
+}
+
+const std::vector<Source>& sources() {
+  static const std::vector<Source> table{
+      {"im", "iMessage, decoded bodies"},
+      {"mail", "Apple Mail's local mirror"},
+      {"cal", "the local calendar store, recurrence expanded"},
+      {"reminder", "unfinished Apple Reminders; present state, not history"},
+      {"web", "browser history: chrome, arc, safari"},
+  };
+  return table;
+}
+
+const std::vector<std::string_view>& receiptFields() {
+  static const std::vector<std::string_view> table{"rows_total", "returned", "sources", "notes",
+                                                   "ms"};
+  return table;
+}
+
+std::string json() {
+  using TeskJSON::Array;
+  using TeskJSON::Object;
+  auto strings = [](const std::vector<std::string_view>& items) {
+    Array a;
+    for (auto s : items) a.emplace_back(s);
+    return a;
+  };
+  Array verbList, selectorList, sourceList;
+  for (const auto& v : verbs())
+    verbList.emplace_back(Object{{"name", v.name}, {"answers", v.answers}});
+  for (const auto& s : selectors()) {
+    Object o{{"flag", s.flag}, {"takes", s.takes}};
+    if (!s.values.empty()) o.emplace("values", strings(s.values));
+    selectorList.emplace_back(std::move(o));
+  }
+  for (const auto& s : sources())
+    sourceList.emplace_back(Object{{"name", s.name}, {"reads", s.reads}});
+  Object document{
+      {"schema", 1},
+      {"readOnly", true},
+      {"verbs", std::move(verbList)},
+      {"selectableVerbs", strings(selectableVerbs())},
+      {"selectors", std::move(selectorList)},
+      {"sources", std::move(sourceList)},
+      {"receipt", strings(receiptFields())},
+  };
+  return TeskJSON::pretty(document).value_or("{}");
+}
+
+}  // namespace TeskAPI

@@ -1,0 +1,197 @@
+#include "report/TeskBucket.h"
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+
+#include <unicode/gregocal.h>
+
+#include "cli/TeskText.h"
+#include "cli/TeskTime.h"
+
+namespace TeskBucket {
+
+namespace {
+
+const char* patternFor(Kind kind) {
+  switch (kind) {
+    case Kind::day:
+      return "yyyy-MM-dd";
+    case Kind::week:
+      return "YYYY-'W'ww";
+    case Kind::month:
+      return "yyyy-MM";
+    case Kind::year:
+      return "yyyy";
+    case Kind::who:
+      break;
+  }
+  return "";
+}
+
+// ICU's calendar arithmetic is exact within these instants (years 0..9999); outside
+// them a label is formatted at the clamped instant, as the ISO renderer does.
+double clampSeconds(double ts) {
+  if (!std::isfinite(ts)) return 0;
+  return std::fmax(-62167219200.0, std::fmin(ts, 253402300799.0));
+}
+
+// Labels instants of one time kind. Every label is constant within one local day, so
+// the day around the last formatted instant is remembered: rows arrive sorted, and a
+// day's rows then cost one format call between them.
+class Labeler {
+ public:
+  Labeler(Kind kind, const std::string& zone)
+      : format_(formatter(patternFor(kind), zone, kind == Kind::week)) {
+    if (format_) {
+      calendar_.reset(format_->getCalendar()->clone());
+    }
+  }
+
+  std::string operator()(double ts) {
+    ts = clampSeconds(ts);
+    if (ts >= dayStart_ && ts < dayEnd_) return label_;
+    label_.clear();
+    if (!format_) return label_;
+    icu::UnicodeString text;
+    format_->format(ts * 1000.0, text);
+    text.toUTF8String(label_);
+    rememberDay(ts);
+    return label_;
+  }
+
+ private:
+  void rememberDay(double ts) {
+    dayStart_ = 1;  // an empty range until both ends are known
+    dayEnd_ = 0;
+    if (!calendar_) return;
+    UErrorCode status = U_ZERO_ERROR;
+    calendar_->setTime(ts * 1000.0, status);
+    calendar_->set(UCAL_HOUR_OF_DAY, 0);
+    calendar_->set(UCAL_MINUTE, 0);
+    calendar_->set(UCAL_SECOND, 0);
+    calendar_->set(UCAL_MILLISECOND, 0);
+    double start = calendar_->getTime(status) / 1000.0;
+    calendar_->add(UCAL_DATE, 1, status);
+    double end = calendar_->getTime(status) / 1000.0;
+    // Only a range that really holds the instant and looks like one day is trusted.
+    if (U_FAILURE(status) || !(start <= ts && ts < end) || end - start > 30 * 3600.0) return;
+    dayStart_ = start;
+    dayEnd_ = end;
+  }
+
+  std::unique_ptr<icu::SimpleDateFormat> format_;
+  std::unique_ptr<icu::Calendar> calendar_;
+  std::string label_;
+  double dayStart_ = 1;
+  double dayEnd_ = 0;
+};
+
+}  // namespace
+
+std::string_view rawValue(Kind kind) {
+  switch (kind) {
+    case Kind::day:
+      return "day";
+    case Kind::week:
+      return "week";
+    case Kind::month:
+      return "month";
+    case Kind::year:
+      return "year";
+    case Kind::who:
+      return "who";
+  }
+  return "day";
+}
+
+std::optional<Kind> parse(std::string_view text) {
+  std::string lowered = TeskText::lower(text);
+  std::string_view t = lowered;
+  if (!t.empty() && t.back() == 's') t.remove_suffix(1);
+  for (Kind k : kinds) {
+    if (rawValue(k) == t) return k;
+  }
+  return std::nullopt;
+}
+
+std::unique_ptr<icu::SimpleDateFormat> formatter(const std::string& pattern,
+                                                 const std::string& zone, bool isoWeeks) {
+  UErrorCode status = U_ZERO_ERROR;
+  icu::Locale posix("en_US_POSIX");
+  auto format =
+      std::make_unique<icu::SimpleDateFormat>(icu::UnicodeString::fromUTF8(pattern), posix, status);
+  if (U_FAILURE(status)) return nullptr;
+  auto calendar =
+      std::make_unique<icu::GregorianCalendar>(TeskTime::makeZone(zone).release(), posix, status);
+  if (U_FAILURE(status)) return nullptr;
+  if (isoWeeks) {
+    calendar->setFirstDayOfWeek(UCAL_MONDAY);
+    calendar->setMinimalDaysInFirstWeek(4);
+  }
+  format->adoptCalendar(calendar.release());
+  return format;
+}
+
+std::string label(Kind kind, std::string_view person, double ts, const std::string& zone) {
+  if (kind == Kind::who) return std::string(person);
+  return Labeler(kind, zone)(ts);
+}
+
+std::vector<Row> apply(std::span<const TeskRow> rows, Kind kind, const std::string& zone) {
+  std::optional<Labeler> labeler;
+  if (kind != Kind::who) labeler.emplace(kind, zone);
+  std::map<std::string, Row> buckets;
+  for (const auto& row : rows) {
+    std::string key;
+    if (labeler) {
+      key = (*labeler)(row.ts);
+    } else {
+      key = row.teskID.empty() ? row.who : row.teskID;
+    }
+    auto [it, fresh] = buckets.try_emplace(key);
+    Row& b = it->second;
+    if (fresh) b.key = std::move(key);
+    b.count += 1;
+    (row.dir == TeskRow::Direction::incoming ? b.inbound : b.outbound) += 1;
+    b.first = std::min(b.first, row.ts);
+    b.last = std::max(b.last, row.ts);
+  }
+  std::vector<Row> out;
+  out.reserve(buckets.size());
+  for (auto& [key, b] : buckets) out.push_back(std::move(b));
+  if (kind == Kind::who) {
+    // The map already ordered keys ascending; a stable sort keeps that among equals.
+    std::stable_sort(out.begin(), out.end(),
+                     [](const Row& a, const Row& b) { return a.count > b.count; });
+  }
+  return out;
+}
+
+std::string header(Kind kind) {
+  std::string h = "bucket\tcount\tin\tout\tfirst\tlast";
+  if (kind == Kind::who) h += "\tname";
+  return h;
+}
+
+std::vector<std::string> render(const std::vector<Row>& buckets, const NameLookup& names,
+                                Kind kind) {
+  std::vector<std::string> lines;
+  lines.reserve(buckets.size() + 1);
+  lines.push_back(header(kind));
+  for (const auto& b : buckets) {
+    std::string line = b.key + "\t" + std::to_string(b.count) + "\t" + std::to_string(b.inbound) +
+                       "\t" + std::to_string(b.outbound) + "\t" + TeskTime::isoString(b.first) +
+                       "\t" + TeskTime::isoString(b.last);
+    if (kind == Kind::who) {
+      line += '\t';
+      if (names) {
+        if (auto name = names(b.key)) line += *name;
+      }
+    }
+    lines.push_back(std::move(line));
+  }
+  return lines;
+}
+
+}  // namespace TeskBucket

@@ -1,0 +1,188 @@
+#include "report/TeskBucket.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <map>
+#include <unordered_map>
+
+#include "cli/TeskTime.h"
+
+namespace {
+
+const std::string kWest = "America/Los_Angeles";
+const std::string kEast = "Asia/Tokyo";
+
+double local(int y, int mo, int d, int h, int mi, const std::string& zone) {
+  auto t = TeskTime::localInstant(y, mo, d, h, mi, 0, zone);
+  EXPECT_TRUE(t);
+  return t.value_or(0);
+}
+
+TeskRow row(double ts, std::string teskID, TeskRow::Direction dir = TeskRow::Direction::incoming,
+            std::string who = "h") {
+  TeskRow r;
+  r.ts = ts;
+  r.teskID = std::move(teskID);
+  r.who = std::move(who);
+  r.dir = dir;
+  return r;
+}
+
+TEST(TeskBucket, ParseDropsOneTrailingSAndIgnoresCase) {
+  using K = TeskBucket::Kind;
+  const std::pair<const char*, std::optional<K>> cases[] = {
+      {"day", K::day},    {"days", K::day},    {"Weeks", K::week},      {"MONTH", K::month},
+      {"years", K::year}, {"who", K::who},     {"whos", K::who},        {"hour", std::nullopt},
+      {"", std::nullopt}, {"s", std::nullopt}, {"dayss", std::nullopt}, {" day", std::nullopt},
+  };
+  for (const auto& [text, kind] : cases) EXPECT_EQ(TeskBucket::parse(text), kind) << text;
+  for (K k : TeskBucket::kinds) EXPECT_EQ(TeskBucket::parse(TeskBucket::rawValue(k)), k);
+}
+
+TEST(TeskBucket, LabelsFollowTheLocalCalendar) {
+  using K = TeskBucket::Kind;
+  struct Case {
+    const char* name;
+    K kind;
+    double ts;
+    std::string zone;
+    const char* label;
+  };
+  const double westLate = local(2026, 3, 1, 23, 30, kWest);  // 2026-03-02T07:30Z
+  const double eastEarly = local(2026, 3, 2, 0, 30, kEast);  // 2026-03-01T15:30Z
+  const double westNewYearsEve = local(2025, 12, 31, 23, 30, kWest);
+  const double eastNewYear = local(2026, 1, 1, 0, 30, kEast);
+  const Case cases[] = {
+      {"west evening keeps its day", K::day, westLate, kWest, "2026-03-01"},
+      {"same instant in the east", K::day, westLate, kEast, "2026-03-02"},
+      {"east morning is a day ahead of UTC", K::day, eastEarly, kEast, "2026-03-02"},
+      {"same instant in the west", K::day, eastEarly, kWest, "2026-03-01"},
+      {"west Sunday night is still last week", K::week, westLate, kWest, "2026-W09"},
+      {"west new year's eve month", K::month, westNewYearsEve, kWest, "2025-12"},
+      {"west new year's eve year", K::year, westNewYearsEve, kWest, "2025"},
+      {"east new year month", K::month, eastNewYear, kEast, "2026-01"},
+      {"east new year year", K::year, eastNewYear, kEast, "2026"},
+      {"2027-01-01 is week 53 of 2026 (west)", K::week, local(2027, 1, 1, 12, 0, kWest), kWest,
+       "2026-W53"},
+      {"2027-01-01 is week 53 of 2026 (east)", K::week, local(2027, 1, 1, 12, 0, kEast), kEast,
+       "2026-W53"},
+      {"2024-12-30 is week 1 of 2025 (west)", K::week, local(2024, 12, 30, 8, 0, kWest), kWest,
+       "2025-W01"},
+      {"2024-12-30 is week 1 of 2025 (east)", K::week, local(2024, 12, 30, 8, 0, kEast), kEast,
+       "2025-W01"},
+      {"Monday starts the week", K::week, local(2026, 1, 5, 0, 0, kEast), kEast, "2026-W02"},
+      {"Sunday ends it", K::week, local(2026, 1, 4, 23, 59, kEast), kEast, "2026-W01"},
+      {"single-digit week is padded", K::week, local(2026, 2, 10, 12, 0, kWest), kWest, "2026-W07"},
+      {"day pattern", K::day, local(2026, 1, 5, 9, 0, kWest), kWest, "2026-01-05"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(TeskBucket::label(c.kind, "ignored", c.ts, c.zone), c.label) << c.name;
+  }
+  EXPECT_EQ(TeskBucket::label(K::who, "alice@example.com", westLate, kWest), "alice@example.com");
+}
+
+TEST(TeskBucket, ApplyAgreesWithLabelRowByRowAcrossMidnightsAndDST) {
+  // Every 20 minutes over four days around the spring-forward night (2026-03-08 in
+  // Los Angeles): the day-range memo must switch exactly at each local midnight.
+  for (const std::string& zone : {kWest, kEast}) {
+    for (auto kind : {TeskBucket::Kind::day, TeskBucket::Kind::week, TeskBucket::Kind::month}) {
+      std::vector<TeskRow> rows;
+      std::map<std::string, int64_t> expect;
+      double t0 = local(2026, 3, 6, 0, 0, kWest);
+      for (int i = 0; i < 4 * 72; ++i) {
+        rows.push_back(row(t0 + i * 1200.0, "p"));
+        ++expect[TeskBucket::label(kind, "", rows.back().ts, zone)];
+      }
+      // An instant exactly at local midnight belongs to the new day.
+      rows.push_back(row(local(2026, 3, 10, 0, 0, zone), "p"));
+      ++expect[TeskBucket::label(kind, "", rows.back().ts, zone)];
+      std::map<std::string, int64_t> got;
+      for (const auto& b : TeskBucket::apply(rows, kind, zone)) got[b.key] = b.count;
+      EXPECT_EQ(got, expect) << zone << " " << TeskBucket::rawValue(kind);
+    }
+  }
+  auto days = TeskBucket::apply(std::vector<TeskRow>{row(local(2026, 3, 7, 23, 59, kWest), "p"),
+                                                     row(local(2026, 3, 8, 0, 0, kWest), "p"),
+                                                     row(local(2026, 3, 8, 23, 59, kWest), "p"),
+                                                     row(local(2026, 3, 9, 0, 0, kWest), "p")},
+                                TeskBucket::Kind::day, kWest);
+  ASSERT_EQ(days.size(), 3u);
+  EXPECT_EQ(days[1].key, "2026-03-08");
+  EXPECT_EQ(days[1].count, 2);  // a 23-hour day
+}
+
+TEST(TeskBucket, ApplyCountsAndOrdersTimeBuckets) {
+  using D = TeskRow::Direction;
+  const double a = local(2026, 1, 5, 9, 0, kEast);
+  const double b = local(2026, 1, 5, 18, 0, kEast);
+  const double c = local(2026, 1, 3, 7, 0, kEast);
+  // Out of time order on purpose: buckets still come out by key.
+  std::vector<TeskRow> rows{row(b, "x", D::outgoing), row(a, "y"), row(c, "x")};
+  auto buckets = TeskBucket::apply(rows, TeskBucket::Kind::day, kEast);
+  ASSERT_EQ(buckets.size(), 2u);
+  EXPECT_EQ(buckets[0].key, "2026-01-03");
+  EXPECT_EQ(buckets[0].count, 1);
+  EXPECT_EQ(buckets[0].first, c);
+  EXPECT_EQ(buckets[0].last, c);  // one row: first equals last
+  EXPECT_EQ(buckets[1].key, "2026-01-05");
+  EXPECT_EQ(buckets[1].count, 2);
+  EXPECT_EQ(buckets[1].inbound, 1);
+  EXPECT_EQ(buckets[1].outbound, 1);
+  EXPECT_EQ(buckets[1].first, a);
+  EXPECT_EQ(buckets[1].last, b);
+}
+
+TEST(TeskBucket, WhoBucketsByPersonCountThenKey) {
+  using D = TeskRow::Direction;
+  std::vector<TeskRow> rows{
+      row(10, "zed"), row(11, "", D::outgoing, "+1555"), row(12, "amy"), row(13, "zed"),
+      row(14, "amy"), row(15, "", D::incoming, "+1555"), row(16, "bob"), row(17, "zed"),
+  };
+  auto buckets = TeskBucket::apply(rows, TeskBucket::Kind::who, kWest);
+  std::vector<std::pair<std::string, int64_t>> got;
+  for (const auto& b : buckets) got.emplace_back(b.key, b.count);
+  EXPECT_EQ(got, (std::vector<std::pair<std::string, int64_t>>{
+                     {"zed", 3}, {"+1555", 2}, {"amy", 2}, {"bob", 1}}));
+  EXPECT_EQ(buckets[1].inbound, 1);
+  EXPECT_EQ(buckets[1].outbound, 1);
+  EXPECT_EQ(buckets[1].first, 11);
+  EXPECT_EQ(buckets[1].last, 15);
+}
+
+TEST(TeskBucket, RenderColumnsAndNames) {
+  TeskBucket::Row b{"amy", 3, 2, 1, 1767225600, 1767229200.9};
+  TeskBucket::Row c{"bob", 1, 1, 0, 1767225600, 1767225600};
+  const std::map<std::string, std::string> names{{"amy", "Amy Pond"}};
+  EXPECT_EQ(TeskBucket::render({b, c}, names, TeskBucket::Kind::who),
+            (std::vector<std::string>{
+                "bucket\tcount\tin\tout\tfirst\tlast\tname",
+                "amy\t3\t2\t1\t2026-01-01T00:00:00Z\t2026-01-01T01:00:00Z\tAmy Pond",
+                "bob\t1\t1\t0\t2026-01-01T00:00:00Z\t2026-01-01T00:00:00Z\t"}));
+  const std::unordered_map<std::string, std::string> hashed{{"bob", "Bob"}};
+  EXPECT_TRUE(TeskBucket::render({c}, hashed, TeskBucket::Kind::who)[1].ends_with("Z\tBob"));
+  b.key = "2026-01-01";
+  EXPECT_EQ(TeskBucket::render({b}, TeskBucket::NameLookup(), TeskBucket::Kind::day),
+            (std::vector<std::string>{
+                "bucket\tcount\tin\tout\tfirst\tlast",
+                "2026-01-01\t3\t2\t1\t2026-01-01T00:00:00Z\t2026-01-01T01:00:00Z"}));
+}
+
+TEST(TeskBucket, NoRowsRenderTheHeaderAlone) {
+  for (auto kind : TeskBucket::kinds) {
+    auto buckets = TeskBucket::apply({}, kind, kWest);
+    EXPECT_TRUE(buckets.empty());
+    auto lines = TeskBucket::render(buckets, TeskBucket::NameLookup(), kind);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0], TeskBucket::header(kind));
+  }
+  EXPECT_EQ(TeskBucket::header(TeskBucket::Kind::year), "bucket\tcount\tin\tout\tfirst\tlast");
+}
+
+TEST(TeskBucket, HostileInstantsStillLabel) {
+  for (double bad : {std::nan(""), 1e300, -1e300}) {
+    EXPECT_FALSE(TeskBucket::label(TeskBucket::Kind::day, "", bad, kWest).empty());
+  }
+}
+
+}  // namespace

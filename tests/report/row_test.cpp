@@ -1,0 +1,44 @@
+#include "report/TeskRow.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+TEST(TeskAttachment, LabelPrefersNameThenFileThenMime) {
+  struct Case {
+    std::optional<std::string> path, name, mime;
+    const char* label;
+  };
+  const Case cases[] = {
+      {"/a/b/c.jpg", "given.jpg", "image/jpeg", "given.jpg"},
+      {"/a/b/c.jpg", "", "image/jpeg", "c.jpg"},
+      {"/a/b/c.jpg", std::nullopt, std::nullopt, "c.jpg"},
+      {"c.jpg", std::nullopt, std::nullopt, "c.jpg"},
+      {"/a/b/", std::nullopt, "image/png", "image/png"},  // no last component
+      {"", std::nullopt, "image/png", "image/png"},
+      {std::nullopt, std::nullopt, "image/png", "image/png"},
+      {std::nullopt, std::nullopt, "", ""},  // a present mime wins even when empty
+      {std::nullopt, std::nullopt, std::nullopt, "attachment"},
+      {std::nullopt, "", std::nullopt, "attachment"},
+  };
+  for (const auto& c : cases) {
+    TeskAttachment a{c.path, c.name, c.mime, 0};
+    EXPECT_EQ(a.label(), c.label) << c.path.value_or("-") << " " << c.name.value_or("-");
+  }
+}
+
+TEST(TeskRow, RawValuesRoundTripExactly) {
+  using K = TeskRow::Kind;
+  for (K k : {K::text, K::tapback, K::edited, K::attachment, K::reminder, K::empty}) {
+    EXPECT_EQ(TeskRow::kindFromRaw(TeskRow::rawValue(k)), k);
+  }
+  for (const char* bad : {"Text", "TAPBACK", "", "edit", "text "}) {
+    EXPECT_FALSE(TeskRow::kindFromRaw(bad)) << bad;
+  }
+  EXPECT_EQ(TeskRow::directionFromRaw("in"), TeskRow::Direction::incoming);
+  EXPECT_EQ(TeskRow::directionFromRaw("out"), TeskRow::Direction::outgoing);
+  EXPECT_FALSE(TeskRow::directionFromRaw("In"));
+  EXPECT_FALSE(TeskRow().start);
+}
+
+}  // namespace
