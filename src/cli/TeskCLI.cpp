@@ -1,4 +1,367 @@
 #include "cli/TeskCLI.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+
+#include "cli/TeskAPI.h"
+#include "cli/TeskOptions.h"
+#include "cli/TeskReports.h"
+#include "cli/TeskSources.h"
+#include "cli/TeskText.h"
+#include "cli/TeskTime.h"
+#include "cli/TeskWho.h"
+#include "report/TeskAssert.h"
+#include "report/TeskBucket.h"
+#include "report/TeskEmitter.h"
+#include "report/TeskGotchas.h"
+#include "report/TeskReceipt.h"
+
 namespace TeskCLI {
-int main(const std::vector<std::string>&) { return 4; }
+namespace {
+
+int64_t elapsedMS(double started, double now) {
+  double ms = (now - started) * 1000.0;
+  return ms > 0 ? static_cast<int64_t>(ms) : 0;
 }
+
+std::string joinArgs(const std::string& verb, const std::vector<std::string>& args) {
+  std::string q = verb;
+  for (size_t i = 2; i < args.size(); ++i) q += " " + args[i];
+  return q;
+}
+
+void frame(TeskOut& out, const TeskReceipt& receipt, const std::vector<std::string>& body) {
+  std::string line = receipt.render();
+  out.line(line);
+  for (const std::string& b : body) out.line(b);
+  out.line(line);
+}
+
+bool isReportVerb(const std::string& v) {
+  return v == "api" || v == "gotchas" || v == "views" || v == "doors" || v == "link" ||
+         v == "doctor";
+}
+
+bool isRowsVerb(const std::string& v) {
+  return v == "search" || v == "thread" || v == "span" || v == "im" || v == "cal" || v == "mail" ||
+         v == "who" || v == "sql";
+}
+
+int32_t reportVerb(const std::string& verb, const std::vector<std::string>& args, double started,
+                   TeskOut& out, const Environment& env) {
+  std::vector<std::string> body;
+  if (verb == "api") {
+    body = {TeskAPI::json()};
+  } else if (verb == "gotchas") {
+    body = TeskGotchas::lines();
+  } else if (verb == "views") {
+    body = viewsBody();
+  } else if (verb == "doors") {
+    int32_t code = success;
+    if (env.insideCompanionApp && env.insideCompanionApp(args[0])) {
+      auto board = env.shippedDoorReport ? env.shippedDoorReport(args[0]) : std::nullopt;
+      if (board) {
+        body = *board;
+      } else {
+        body = {"# refused: the signed app did not return a complete seven-door board"};
+        code = storeUnavailable;
+      }
+    } else if (env.currentDoorReport) {
+      body = env.currentDoorReport();
+    }
+    return envelope(verb, args, started, env.clock(), out, body, static_cast<int64_t>(body.size()),
+                    {}, {}, code);
+  } else if (verb == "link") {
+    LinkAnswer link = linkReport(env);
+    return envelope(verb, args, started, env.clock(), out, link.body,
+                    static_cast<int64_t>(link.body.size()), {}, {}, link.exit);
+  } else if (verb == "doctor") {
+    DoctorAnswer doc = doctorReport(env);
+    return envelope(verb, args, started, env.clock(), out, doc.body, doc.rows, doc.stale,
+                    doc.denied, doc.exit);
+  }
+  return envelope(verb, args, started, env.clock(), out, body, static_cast<int64_t>(body.size()),
+                  {}, {}, success);
+}
+
+TeskIMessage::Filter buildFilter(const std::string& verb, const Options& o) {
+  TeskIMessage::Filter f;
+  f.since = o.since;
+  f.until = o.until;
+  f.who = o.who;
+  f.direction = o.direction;
+  f.grep = o.grep;
+  if (verb == "search" || verb == "im" || verb == "span" || verb == "thread") f.query = o.text;
+  f.includeTapbacks = o.includeTapbacks;
+  f.includeFiltered = o.includeFiltered;
+  f.unreadOnly = o.unreadOnly;
+  f.includeGroups = !o.noGroups;
+  return f;
+}
+
+std::string joinKeys(const std::vector<std::string>& keys) {
+  std::string s;
+  for (const std::string& k : keys) {
+    if (!s.empty()) s += ",";
+    s += k;
+  }
+  return s;
+}
+
+bool contains(const std::vector<std::string>& v, const std::string& k) {
+  return std::find(v.begin(), v.end(), k) != v.end();
+}
+
+}  // namespace
+
+void Accumulator::widenHorizon(const TeskSpan& span) {
+  if (!horizon) {
+    horizon = span;
+  } else {
+    horizon->from = std::min(horizon->from, span.from);
+    horizon->to = std::max(horizon->to, span.to);
+  }
+}
+
+const std::set<std::string>& webSources() {
+  static const std::set<std::string> keys{"chrome", "arc", "safari"};
+  return keys;
+}
+
+const std::set<std::string>& known() {
+  static const std::set<std::string> keys = [] {
+    std::set<std::string> k;
+    for (const SourceReader& r : sourceReaders()) k.insert(r.keys.begin(), r.keys.end());
+    return k;
+  }();
+  return keys;
+}
+
+std::vector<std::string> expandSources(const std::vector<std::string>& keys) {
+  std::vector<std::string> out;
+  auto add = [&out](const std::string& k) {
+    if (!contains(out, k)) out.push_back(k);
+  };
+  for (const std::string& k : keys) {
+    if (k == "web") {
+      add("chrome");
+      add("arc");
+      add("safari");
+    } else {
+      add(k);
+    }
+  }
+  return out;
+}
+
+std::string errorLine(std::string_view message) {
+  return "#tesk {\"v\":1,\"error\":\"" + TeskReceipt::escape(message) + "\"}";
+}
+
+int32_t envelope(const std::string& verb, const std::vector<std::string>& args, double started,
+                 double now, TeskOut& out, const std::vector<std::string>& body, int64_t rows,
+                 const std::vector<std::string>& stale, const std::vector<std::string>& denied,
+                 int32_t exit) {
+  TeskReceipt r;
+  r.query = joinArgs(verb, args);
+  r.rowsTotal = r.rowsOut = rows;
+  r.mode = "report";
+  r.stale = stale;
+  r.denied = denied;
+  r.elapsedMS = elapsedMS(started, now);
+  frame(out, r, body);
+  return exit;
+}
+
+int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environment& env) {
+  const double started = env.clock();
+  if (args.size() < 2) {
+    out.line(usage);
+    return usageError;
+  }
+  const std::string& verb = args[1];
+  if (verb == "-h" || verb == "--help" || verb == "help") {
+    out.line(usage);
+    return success;
+  }
+  if (isReportVerb(verb)) return reportVerb(verb, args, started, out, env);
+
+  // Options are parsed before the verb is checked, so a bad option wins.
+  const double now = env.clock();
+  Options opts;
+  try {
+    opts =
+        Options::parse(std::vector<std::string>(args.begin() + 2, args.end()), verb, now, env.zone);
+  } catch (const OptionError& e) {
+    out.line(errorLine(e.message()));
+    out.line("tesk: " + e.message());
+    out.line("");
+    out.line(usage);
+    return usageError;
+  } catch (const std::exception& e) {
+    out.line(std::string("tesk: ") + e.what());
+    return usageError;
+  }
+
+  Accumulator acc;
+  acc.receipt.query = joinArgs(verb, args);
+  if (!isRowsVerb(verb)) {
+    out.line("tesk: unknown verb '" + verb + "'");
+    out.line(usage);
+    return usageError;
+  }
+
+  std::vector<std::string> sources = opts.sources;
+  bool srcGiven = contains(std::vector<std::string>(args.begin() + 2, args.end()), "--src");
+  if (verb == "cal" && !srcGiven) sources = {"cal"};
+  if (verb == "mail" && !srcGiven) sources = {"mail"};
+  std::vector<std::string> keys = expandSources(sources);
+
+  bool defaultWindow = opts.appliedDefaultWindow;
+  if (keys == std::vector<std::string>{"reminder"} && defaultWindow) {
+    opts.since.reset();
+    defaultWindow = false;
+  }
+  for (const std::string& k : keys) {
+    if (!known().count(k)) acc.denied.push_back(k + ": no producer yet — see `tesk doctor`");
+  }
+  bool anyKnown = std::any_of(keys.begin(), keys.end(),
+                              [](const std::string& k) { return known().count(k) > 0; });
+  auto finishEarly = [&](const std::string& message, int32_t code) {
+    acc.receipt.denied = acc.denied;
+    acc.receipt.elapsedMS = elapsedMS(started, env.clock());
+    frame(out, acc.receipt, {message});
+    return code;
+  };
+  if (!anyKnown) {
+    return finishEarly("tesk: no readable source in --src " + joinKeys(keys), usageError);
+  }
+
+  TeskIMessage::Filter filter = buildFilter(verb, opts);
+  if (verb == "thread" && (!filter.who || filter.who->empty())) {
+    out.line("tesk: `thread` needs --who");
+    return usageError;
+  }
+  if (verb == "sql" && (!opts.text || opts.text->empty())) {
+    out.line("tesk: `sql` needs a SELECT statement");
+    return usageError;
+  }
+  if (opts.since || opts.until) {
+    acc.receipt.window = TeskSpan{opts.since.value_or(0), opts.until.value_or(now)};
+  }
+
+  ReadContext ctx{verb, opts, filter, env, now, keys};
+  for (const SourceReader& reader : sourceReaders()) {
+    std::vector<std::string> requested;
+    for (const std::string& k : keys) {
+      if (contains(reader.keys, k)) requested.push_back(k);
+    }
+    if (requested.empty()) continue;
+    reader.read(ctx, requested, acc);
+    if (acc.fatalStoreError) {
+      return finishEarly("tesk: " + *acc.fatalStoreError, storeUnavailable);
+    }
+  }
+
+  // Notes that follow the producers' own.
+  if (acc.calendarRead && !opts.until && acc.calendarWindow && acc.calendarWindow->to > now) {
+    acc.notes.push_back("cal default forward window applied — the window ends " +
+                        TeskTime::isoString(acc.calendarWindow->to) + "; pass --until to bound it");
+  }
+  if (defaultWindow) acc.notes.push_back("default window 30d applied — pass --since to widen");
+  if (acc.receipt.openMode == "snapshot") {
+    acc.notes.push_back(
+        "read from a snapshot (db+-wal+-shm copied) — the live handle could not see the WAL");
+  }
+  const TeskDecode::Census& c = acc.receipt.decoded;
+  if (c.legacyAttributed >= 1 && c.legacyAttributed - c.direct >= 1) {
+    acc.notes.push_back("the direct reader declined " +
+                        std::to_string(c.legacyAttributed - c.direct) + " of " +
+                        std::to_string(c.legacyAttributed) +
+                        " blobs and NSUnarchiver answered — slower, not wrong; the archive "
+                        "layout may have moved");
+  }
+  if (c.rate() < 0.999 && c.blobs() >= 1) {
+    acc.notes.push_back("DECODE RATE BELOW GATE — " + std::to_string(c.undecodable) +
+                        " blobs unreadable; treat every count as a floor");
+  }
+
+  TeskReceipt& r = acc.receipt;
+  r.rowsTotal = static_cast<int64_t>(acc.rows.size());
+  r.denied = acc.denied;
+  r.perSource = acc.perSource;
+  r.horizons = acc.horizons;
+  if (acc.horizon) r.horizon = acc.horizon;
+
+  std::vector<std::string> body;
+  if (opts.by) {
+    BucketAnswer b = bucketAnswer(acc.rows, *opts.by, env);
+    body = std::move(b.lines);
+    r.rowsTotal = r.rowsOut = b.buckets;
+    r.mode = "rows";
+    acc.notes.push_back(b.note);
+  } else if (verb == "who") {
+    WhoAnswer w = whoAnswer(acc.rows, opts.text, env);
+    body = std::move(w.lines);
+    r.rowsTotal = r.rowsOut = w.people;
+    r.mode = "rows";
+    acc.notes.push_back(w.note);
+  } else if (verb == "sql") {
+    if (!acc.messageStore) {
+      r.notes = acc.notes;
+      r.denied = acc.denied;
+      return finishEarly("tesk: sql: no store open — `sql` reads iMessage", usageError);
+    }
+    SqlAnswer s = sqlAnswer(*acc.messageStore, filter, *opts.text, opts.limit);
+    if (s.error) {
+      r.notes = acc.notes;
+      r.decoded = s.census;
+      return finishEarly("tesk: " + *s.error, usageError);
+    }
+    body = std::move(s.lines);
+    r.rowsTotal = s.rowsTotal;
+    r.rowsOut = s.rowsOut;
+    r.capped = s.rowsOut < s.rowsTotal;
+    r.mode = "rows";
+    r.decoded = s.census;
+  } else {
+    TeskEmitter emitter(opts.format, opts.limit, opts.budget, true, env.tmpdir);
+    TeskEmitter::Output o = emitter.emit(acc.rows);
+    body = std::move(o.lines);
+    r.rowsOut = o.rowsOut;
+    r.capped = o.capped;
+    r.mode = o.mode;
+    r.spill = o.spill;
+    r.next = o.next;
+  }
+  acc.messageStore.reset();  // release the snapshot before the answer is written
+  r.notes = acc.notes;
+  r.elapsedMS = elapsedMS(started, env.clock());
+  frame(out, r, body);
+
+  if (auto failure = TeskAssert::evaluate(opts.asserts, r, now)) {
+    out.line("tesk: assertion failed: " + failure->expression + " (actual: " + failure->actual +
+             ")");
+    return drift;
+  }
+  return r.rowsTotal == 0 ? emptyAnswer : success;
+}
+
+int32_t run(const std::vector<std::string>& args, TeskOut& out) {
+  return run(args, out, Environment::fromProcess());
+}
+
+int32_t main(const std::vector<std::string>& args) {
+  // A closed pipe must end in a short stream (one receipt), not a signal.
+  ::signal(SIGPIPE, SIG_IGN);
+  TeskOut out(TeskOut::Sink::standardOutput);
+  int32_t code = run(args, out);
+  out.flush();
+  return code;
+}
+
+}  // namespace TeskCLI

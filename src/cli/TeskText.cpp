@@ -80,7 +80,8 @@ std::string_view trim(std::string_view utf8) { return trimWith(utf8, true); }
 std::string_view trimBlanks(std::string_view utf8) { return trimWith(utf8, false); }
 
 bool isASCII(std::string_view s) {
-  return std::all_of(s.begin(), s.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+  return std::all_of(s.begin(), s.end(),
+                     [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
 
 std::string lower(std::string_view utf8) {
@@ -102,9 +103,15 @@ std::string escapeTSV(std::string_view text, bool cr) {
   out.reserve(text.size());
   for (char c : text) {
     switch (c) {
-      case '\\': out += "\\\\"; break;
-      case '\t': out += "\\t"; break;
-      case '\n': out += "\\n"; break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
       case '\r':
         if (cr) {
           out += "\\r";
@@ -112,7 +119,8 @@ std::string escapeTSV(std::string_view text, bool cr) {
           out += c;
         }
         break;
-      default: out += c;
+      default:
+        out += c;
     }
   }
   return out;
@@ -147,8 +155,8 @@ bool containsCaseInsensitive(std::string_view haystack, std::string_view needle)
     return asciiContains(haystack, n);
   }
   auto f = [](std::string_view s) {
-    icu::UnicodeString u = icu::UnicodeString::fromUTF8(
-        icu::StringPiece(s.data(), static_cast<int32_t>(s.size())));
+    icu::UnicodeString u =
+        icu::UnicodeString::fromUTF8(icu::StringPiece(s.data(), static_cast<int32_t>(s.size())));
     u.foldCase(U_FOLD_CASE_DEFAULT);
     return u;
   };

@@ -97,7 +97,9 @@ bool validDate(int y, int m, int d) {
   return !(m == 2 && d == 29 && !leap);
 }
 
-bool validTime(int h, int mi, int s) { return h >= 0 && h <= 23 && mi >= 0 && mi <= 59 && s >= 0 && s <= 59; }
+bool validTime(int h, int mi, int s) {
+  return h >= 0 && h <= 23 && mi >= 0 && mi <= 59 && s >= 0 && s <= 59;
+}
 
 // The local-date patterns, tried in order on the trimmed text; each must consume it whole.
 std::optional<double> parseLocalDate(std::string_view t, const std::string& zone) {
@@ -267,8 +269,10 @@ std::optional<double> parseWhen(std::string_view text, double now, const std::st
   }
   if (auto iso = parseISO(text)) return iso;
   std::string_view trimmed = text;
-  while (!trimmed.empty() && (trimmed.front() == ' ' || trimmed.front() == '\t')) trimmed.remove_prefix(1);
-  while (!trimmed.empty() && (trimmed.back() == ' ' || trimmed.back() == '\t')) trimmed.remove_suffix(1);
+  while (!trimmed.empty() && (trimmed.front() == ' ' || trimmed.front() == '\t'))
+    trimmed.remove_prefix(1);
+  while (!trimmed.empty() && (trimmed.back() == ' ' || trimmed.back() == '\t'))
+    trimmed.remove_suffix(1);
   return parseLocalDate(trimmed, zone);
 }
 

@@ -48,7 +48,7 @@ std::string localZoneID();
 std::unique_ptr<icu::TimeZone> makeZone(const std::string& zone);
 
 // Unix seconds for a wall-clock time in `zone` (Gregorian, lenient about DST gaps).
-std::optional<double> localInstant(int year, int month, int day, int hour, int minute,
-                                   int second, const std::string& zone);
+std::optional<double> localInstant(int year, int month, int day, int hour, int minute, int second,
+                                   const std::string& zone);
 
 }  // namespace TeskTime

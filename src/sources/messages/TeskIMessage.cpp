@@ -124,14 +124,21 @@ std::pair<std::string, std::vector<TeskValue>> predicates(const Schema& schema,
                                                           bool keepTapbacks) {
   Holes hole(inlineBinds);
   std::vector<std::string> conds;
-  int64_t sinceNs = boundNs(filter.since);
-  conds.push_back("(" + hole(int64_t{sinceNs != 0 ? 1 : 0}) +
-                  " = 0 OR m.date IS NULL OR m.date >= " + hole(sinceNs) +
-                  " OR m.date < 1000000000000)");
-  int64_t untilNs = boundNs(filter.until);
-  conds.push_back("(" + hole(int64_t{untilNs != 0 ? 1 : 0}) +
-                  " = 0 OR m.date IS NULL OR m.date <= " + hole(untilNs) +
-                  " OR m.date < 1000000000000)");
+  // The flag switches a bound off; NULL dates and whole-second dates pass SQL and
+  // are settled against ts in the producer.
+  auto bound = [&hole](const std::optional<double>& t, const char* op) {
+    const int64_t ns = boundNs(t);
+    std::string c = "(";
+    c += hole(int64_t{ns != 0 ? 1 : 0});
+    c += " = 0 OR m.date IS NULL OR m.date ";
+    c += op;
+    c += " ";
+    c += hole(ns);
+    c += " OR m.date < 1000000000000)";
+    return c;
+  };
+  conds.push_back(bound(filter.since, ">="));
+  conds.push_back(bound(filter.until, "<="));
   if (filter.unreadOnly && schema.unreadSupported()) {
     conds.push_back(
         "(m.item_type = 0 AND m.is_read = 0 AND m.is_from_me = 0\n AND m.is_finished = 1 AND "

@@ -1,0 +1,29 @@
+#include "cli/TeskOut.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+
+void TeskOut::line(std::string_view text) {
+  buffer_.append(text);
+  buffer_.push_back('\n');
+  if (sink_ == Sink::standardOutput && buffer_.size() > flushThreshold) flush();
+}
+
+void TeskOut::flush() {
+  if (buffer_.empty()) return;
+  if (sink_ == Sink::memory) {
+    kept_ += buffer_;
+  } else {
+    const char* p = buffer_.data();
+    size_t left = buffer_.size();
+    while (left > 0) {
+      ssize_t n = ::write(STDOUT_FILENO, p, left);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;  // a closed pipe: the missing second receipt tells the reader
+      p += n;
+      left -= static_cast<size_t>(n);
+    }
+  }
+  buffer_.clear();
+}

@@ -1,0 +1,102 @@
+#include "cli/TeskReports.h"
+
+#include "cli/TeskOptions.h"
+#include "cli/TeskText.h"
+#include "cli/TeskTime.h"
+#include "cli/TeskWho.h"
+#include "sources/messages/TeskContacts.h"
+#include "store/TeskSQL.h"
+#include "store/TeskStore.h"
+
+namespace TeskCLI {
+
+std::vector<std::string> viewsBody() {
+  return {"# `tesk sql` runs against this. bodies are DECODED, ts is unix seconds.",
+          TeskSQL::schema(),
+          "",
+          "# assert terms",
+          "#   flags: not-capped, capped, complete, fresh, granted, any",
+          "#   numeric: rows, rows_out, coverage|decode_rate, undecodable, orphans, ms, age_hours",
+          "#   operators: >= <= > < == ="};
+}
+
+BucketAnswer bucketAnswer(const std::vector<TeskRow>& rows, TeskBucket::Kind kind,
+                          const Environment& env) {
+  BucketAnswer a;
+  std::vector<TeskBucket::Row> buckets = TeskBucket::apply(rows, kind, env.zone);
+  a.buckets = static_cast<int64_t>(buckets.size());
+  if (kind == TeskBucket::Kind::who) {
+    TeskContacts::Roster roster = TeskContacts::sqliteRoster(env.home);
+    int64_t resolved = 0;
+    for (const TeskBucket::Row& b : buckets) resolved += roster.byHandle.count(b.key) ? 1 : 0;
+    a.note = "who: " + std::to_string(resolved) + " of " + std::to_string(a.buckets) +
+             " resolved to a name in the address books";
+    a.lines = TeskBucket::render(buckets, roster.byHandle, kind);
+  } else {
+    std::string zone = env.zone.empty() ? TeskTime::localZoneID() : env.zone;
+    a.note = "bucketed by " + std::string(TeskBucket::rawValue(kind)) + " in " + zone +
+             " — a UTC bucket splits the evening and answers a different question";
+    a.lines = TeskBucket::render(
+        buckets, TeskBucket::NameLookup([](const std::string&) { return std::nullopt; }), kind);
+  }
+  return a;
+}
+
+WhoAnswer whoAnswer(const std::vector<TeskRow>& rows, const std::optional<std::string>& query,
+                    const Environment& env) {
+  WhoAnswer a;
+  TeskContacts::Roster roster = TeskContacts::sqliteRoster(env.home);
+  const bool self = isSelfQuery(query);
+  std::optional<TeskContacts::MeCard> me;
+  if (self) me = TeskContacts::selfCard(env.home);
+  std::vector<WhoRow> census = whoTable(rows, query, roster, me);
+  a.people = static_cast<int64_t>(census.size());
+  a.lines.push_back(whoHeader);
+  int64_t named = 0;
+  for (const WhoRow& w : census) {
+    a.lines.push_back(w.line);
+    named += w.line.back() != '\t' ? 1 : 0;
+  }
+  if (self) {
+    a.note =
+        "who me: macOS's Me card plus the authenticated Harbend account email · "
+        "messages/in/out are zero because this is identity, not a thread census";
+  } else {
+    a.note = "who: of the " + std::to_string(a.people) + " people in these rows, " +
+             std::to_string(named) + " have a contact card";
+    if (named < a.people) a.note += " · " + std::to_string(a.people - named) + " have none";
+    a.note +=
+        " · this is not the size of the address books · counts every thread; `--no-groups` asks "
+        "the one-to-one question instead";
+  }
+  return a;
+}
+
+SqlAnswer sqlAnswer(TeskStore& store, const TeskIMessage::Filter& filter,
+                    const std::string& statement, int64_t limit) {
+  SqlAnswer a;
+  try {
+    TeskSQL sql(store, filter);
+    TeskSQL::Table t = sql.run(statement);
+    std::string header;
+    for (const std::string& c : t.columns) header += (header.empty() ? "" : "\t") + c;
+    a.lines.push_back(header);
+    a.rowsTotal = static_cast<int64_t>(t.rows.size());
+    for (const auto& row : t.rows) {
+      if (limit >= 1 && a.rowsOut >= limit) break;
+      std::string line;
+      for (size_t i = 0; i < row.size(); ++i) {
+        if (i) line += '\t';
+        line += TeskText::escapeTSV(row[i], false);
+      }
+      a.lines.push_back(std::move(line));
+      ++a.rowsOut;
+    }
+  } catch (const TeskStoreError& e) {
+    a.error = e.description();
+  }
+  a.census = store.decodeCensus();
+  return a;
+}
+
+}  // namespace TeskCLI

@@ -1,0 +1,65 @@
+// The shaped answers `run` writes between its receipts: report verbs (views, link,
+// doctor) and the rows verbs' alternative shapes (buckets, the who census, the SQL
+// table). Each adapts one subsystem's result to body lines and receipt counts.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cli/TeskCLI.h"
+#include "report/TeskBucket.h"
+#include "report/TeskRow.h"
+#include "sources/messages/TeskDecode.h"
+#include "sources/messages/TeskFilter.h"
+
+class TeskStore;
+
+namespace TeskCLI {
+
+// `views`: the decoded view's schema and the assert vocabulary.
+std::vector<std::string> viewsBody();
+
+struct LinkAnswer {
+  std::vector<std::string> body;
+  int32_t exit = success;  // 3 unless the link is complete
+};
+LinkAnswer linkReport(const Environment& env);
+
+struct DoctorAnswer {
+  std::vector<std::string> body;
+  int64_t rows = 0;
+  std::vector<std::string> stale;   // dead sources and a non-fresh heartbeat, sorted
+  std::vector<std::string> denied;  // sources this process may not read
+  int32_t exit = success;
+};
+DoctorAnswer doctorReport(const Environment& env);
+
+struct BucketAnswer {
+  std::vector<std::string> lines;
+  int64_t buckets = 0;
+  std::string note;
+};
+BucketAnswer bucketAnswer(const std::vector<TeskRow>& rows, TeskBucket::Kind kind,
+                          const Environment& env);
+
+struct WhoAnswer {
+  std::vector<std::string> lines;  // header then census lines
+  int64_t people = 0;
+  std::string note;
+};
+WhoAnswer whoAnswer(const std::vector<TeskRow>& rows, const std::optional<std::string>& query,
+                    const Environment& env);
+
+struct SqlAnswer {
+  std::vector<std::string> lines;
+  int64_t rowsTotal = 0;
+  int64_t rowsOut = 0;
+  TeskDecode::Census census;
+  std::optional<std::string> error;  // a store error's description
+};
+SqlAnswer sqlAnswer(TeskStore& store, const TeskIMessage::Filter& filter,
+                    const std::string& statement, int64_t limit);
+
+}  // namespace TeskCLI

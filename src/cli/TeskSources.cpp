@@ -1,0 +1,95 @@
+#include "cli/TeskSources.h"
+
+#include <algorithm>
+
+#include "sources/messages/TeskIMessage.h"
+#include "sources/reminders/TeskReminders.h"
+#include "sources/web/TeskWeb.h"
+#include "store/TeskStore.h"
+
+namespace TeskCLI {
+namespace {
+
+// Stable, so equal instants keep source order: im, browsers, mail, calendar, reminders.
+void mergeSorted(Accumulator& acc, std::vector<TeskRow>&& rows) {
+  acc.rows.insert(acc.rows.end(), std::make_move_iterator(rows.begin()),
+                  std::make_move_iterator(rows.end()));
+  std::stable_sort(acc.rows.begin(), acc.rows.end(),
+                   [](const TeskRow& a, const TeskRow& b) { return a.ts < b.ts; });
+}
+
+void setHorizon(Accumulator& acc, const std::string& key, const std::optional<TeskSpan>& span) {
+  if (!span) return;
+  acc.horizons[key] = *span;
+  acc.widenHorizon(*span);
+}
+
+void readMessages(const ReadContext& ctx, const std::vector<std::string>&, Accumulator& acc) {
+  const std::string path =
+      ctx.options.dbPath ? *ctx.options.dbPath : TeskIMessage::defaultPath(ctx.env.home);
+  const bool only = ctx.keys == std::vector<std::string>{"im"};
+  try {
+    auto store = std::make_shared<TeskStore>(path);
+    acc.receipt.openMode = std::string(rawValue(store->mode()));
+    acc.receipt.sourceModified = store->sourceModified();
+    TeskIMessage::Result r = ctx.verb == "sql"
+                                 ? TeskIMessage::stats(*store, ctx.filter)
+                                 : TeskIMessage::read(*store, ctx.filter, ctx.env.home);
+    TeskReceipt& rc = acc.receipt;
+    rc.decoded = r.census;
+    rc.excludedTapback = r.excludedTapback;
+    rc.excludedGroup = r.excludedGroup;
+    rc.excludedFiltered = r.excludedFiltered;
+    rc.orphans = r.orphans;
+    rc.undated = r.undated;
+    rc.hiddenAttachments = r.hiddenAttachments;
+    rc.unreadSupported = r.unreadSupported;
+    rc.attachmentsSupported = r.attachmentsSupported;
+    acc.perSource["im"] = static_cast<int64_t>(r.rows.size());
+    setHorizon(acc, "im", r.horizon);
+    acc.rows.insert(acc.rows.end(), std::make_move_iterator(r.rows.begin()),
+                    std::make_move_iterator(r.rows.end()));
+    if (ctx.verb == "sql") acc.messageStore = std::move(store);
+  } catch (const TeskStoreError& e) {
+    if (only) {
+      acc.fatalStoreError = e.description();
+    } else {
+      acc.denied.push_back("im: " + e.description());
+    }
+  }
+}
+
+void readBrowsers(const ReadContext& ctx, const std::vector<std::string>& requested,
+                  Accumulator& acc) {
+  std::set<std::string> only(requested.begin(), requested.end());
+  TeskWeb::Result r = TeskWeb::read(ctx.filter, only, ctx.env.home);
+  acc.denied.insert(acc.denied.end(), r.denied.begin(), r.denied.end());
+  for (const auto& [key, n] : r.perSource) acc.perSource[key] = n;
+  for (const auto& [key, span] : r.horizons) acc.horizons[key] = span;
+  if (r.horizon) acc.widenHorizon(*r.horizon);
+  acc.receipt.excludedNoHost += r.excludedNoHost;
+  mergeSorted(acc, std::move(r.rows));
+}
+
+void readReminders(const ReadContext& ctx, const std::vector<std::string>&, Accumulator& acc) {
+  TeskReminders::Result r = TeskReminders::read(ctx.filter, ctx.env.home);
+  acc.denied.insert(acc.denied.end(), r.denied.begin(), r.denied.end());
+  acc.perSource["reminder"] = static_cast<int64_t>(r.rows.size());
+  setHorizon(acc, "reminder", r.horizon);
+  mergeSorted(acc, std::move(r.rows));
+  acc.notes.push_back(
+      "reminder rows are unfinished Apple Reminders; this reader has no write path");
+}
+
+}  // namespace
+
+const std::vector<SourceReader>& sourceReaders() {
+  static const std::vector<SourceReader> readers{
+      {{"im"}, readMessages},
+      {{"chrome", "arc", "safari"}, readBrowsers},
+      {{"reminder"}, readReminders},
+  };
+  return readers;
+}
+
+}  // namespace TeskCLI

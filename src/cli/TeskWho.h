@@ -1,0 +1,27 @@
+// The `who` census: one line per canonical person in the rows, with every handle
+// they use, message counts, first and last contact, and the address-book name.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "report/TeskRow.h"
+#include "sources/messages/TeskContacts.h"
+
+namespace TeskCLI {
+
+struct WhoRow {
+  std::string line;  // one TSV line of the census
+};
+
+// "tesk_id\thandles\tmessages\tin\tout\tfirst\tlast\tname"
+extern const char* const whoHeader;
+
+// The census of `rows` for `query` (absent: everyone; "me": the Me card alone).
+std::vector<WhoRow> whoTable(const std::vector<TeskRow>& rows,
+                             const std::optional<std::string>& query,
+                             const TeskContacts::Roster& roster,
+                             const std::optional<TeskContacts::MeCard>& me);
+
+}  // namespace TeskCLI
