@@ -61,6 +61,10 @@ void Stmt::bindOne(int i, const char* v) {
 }
 void Stmt::bindOne(int i, Null) { sqlite3_bind_null(stmt_.get(), i); }
 void Stmt::bindOne(int i, const std::vector<uint8_t>& v) {
+  if (v.empty()) {  // an empty blob, not NULL
+    sqlite3_bind_zeroblob(stmt_.get(), i, 0);
+    return;
+  }
   sqlite3_bind_blob(stmt_.get(), i, v.data(), static_cast<int>(v.size()), SQLITE_TRANSIENT);
 }
 

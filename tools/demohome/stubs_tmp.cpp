@@ -1,8 +1,0 @@
-#include "Home.h"
-namespace demohome {
-void writeReminders(Home&) {}
-void writeBrowsers(Home&) {}
-void writeAccounts(Home&) {}
-void writeCompanionFiles(Home&) {}
-void writeNotes(Home&) {}
-}  // namespace demohome
