@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "sources/messages/TeskDecode.h"
@@ -66,7 +67,7 @@ class TeskStore {
   // Every body this store's SQL functions decoded so far.
   TeskDecode::Census decodeCensus() const;
   // The snapshot directory in snapshot mode, else empty (for tests and notes).
-  const std::string& snapshotDirectory() const { return snapshotDirectory_; }
+  const std::string& snapshotDirectory() const { return snapshot_.path(); }
 
   // Runs `sql` with `binds` on parameters 1, 2, ... and calls `row` for each result
   // row. Throws TeskStoreError::sql with SQLite's message on a prepare or step
@@ -103,14 +104,32 @@ class TeskStore {
   };
   using Connection = std::unique_ptr<sqlite3, CloseConnection>;
 
+  // A private directory removed (with its contents) when this goes.
+  class Directory {
+   public:
+    Directory() = default;
+    explicit Directory(std::string path) : path_(std::move(path)) {}
+    ~Directory() { remove(); }
+    Directory(const Directory&) = delete;
+    Directory& operator=(const Directory&) = delete;
+    Directory(Directory&& other) noexcept : path_(std::exchange(other.path_, {})) {}
+    Directory& operator=(Directory&& other) noexcept;
+    const std::string& path() const { return path_; }
+    void remove() noexcept;
+
+   private:
+    std::string path_;
+  };
+
   void open(const Environment& environment);
-  void release() noexcept;
 
   std::string path_;
   TeskOpenMode mode_ = TeskOpenMode::plain;
   double sourceModified_ = 0;
-  Connection db_;
-  std::string snapshotDirectory_;
   // Heap-held so its address (the SQL functions' user data) survives a move.
+  // Declared before the connection so it outlives it.
   std::unique_ptr<TeskFunctions> functions_;
+  // Declared before the connection: the connection closes before the copy goes.
+  Directory snapshot_;
+  Connection db_;
 };

@@ -1,0 +1,168 @@
+#include "store/TeskFunctions.h"
+
+#include <sqlite3.h>
+
+#include "cli/TeskTime.h"
+#include "sources/messages/TeskIdentity.h"
+
+namespace {
+
+// Group chats carry this chat.style; they have no single counterpart.
+constexpr int64_t kGroupStyle = 43;
+// A file transfer; below the tapback range.
+constexpr int64_t kFileTransfer = 1000;
+
+bool isTapback(int64_t amt) {
+  return amt >= TeskFunctions::tapbackLow && amt <= TeskFunctions::tapbackHigh;
+}
+
+// A text argument: absent for NULL or when SQLite gives no text. Views the
+// argument's own buffer, valid for the rest of the callback.
+std::optional<std::string_view> textArg(sqlite3_value* v) {
+  if (sqlite3_value_type(v) == SQLITE_NULL) return std::nullopt;
+  const unsigned char* p = sqlite3_value_text(v);
+  if (p == nullptr) return std::nullopt;
+  return std::string_view(reinterpret_cast<const char*>(p),
+                          static_cast<size_t>(sqlite3_value_bytes(v)));
+}
+
+// A blob argument, viewed in place (no copy): empty for NULL or zero length.
+TeskDecode::Bytes blobArg(sqlite3_value* v) {
+  if (sqlite3_value_type(v) == SQLITE_NULL) return {};
+  const void* p = sqlite3_value_blob(v);
+  int n = sqlite3_value_bytes(v);
+  if (p == nullptr || n < 1) return {};
+  return {static_cast<const uint8_t*>(p), static_cast<size_t>(n)};
+}
+
+void resultText(sqlite3_context* ctx, std::string_view text) {
+  sqlite3_result_text(ctx, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
+}
+
+TeskFunctions* state(sqlite3_context* ctx) {
+  return static_cast<TeskFunctions*>(sqlite3_user_data(ctx));
+}
+
+void teskBody(sqlite3_context* ctx, int argc, sqlite3_value** argv) {
+  if (ctx == nullptr || argv == nullptr || argc < 3) return;
+  TeskFunctions* functions = state(ctx);
+  if (functions == nullptr) return;
+  const TeskFunctions::Decoded& d =
+      functions->decode(sqlite3_value_int64(argv[0]), textArg(argv[1]), blobArg(argv[2]));
+  if (d.stripped) {
+    resultText(ctx, *d.stripped);
+  } else {
+    sqlite3_result_null(ctx);
+  }
+}
+
+void teskKind(sqlite3_context* ctx, int argc, sqlite3_value** argv) {
+  if (ctx == nullptr || argv == nullptr || argc < 6) return;
+  TeskFunctions* functions = state(ctx);
+  if (functions == nullptr) return;
+  const int64_t amt = sqlite3_value_int64(argv[3]);
+  const char* kind;
+  if (isTapback(amt)) {
+    kind = "tapback";  // decided without decoding
+  } else {
+    const TeskFunctions::Decoded& d =
+        functions->decode(sqlite3_value_int64(argv[0]), textArg(argv[1]), blobArg(argv[2]));
+    const int64_t edited = sqlite3_value_int64(argv[4]);
+    const int64_t attachments = sqlite3_value_int64(argv[5]);
+    if (d.stripped && !d.stripped->empty()) {
+      kind = edited >= 1 ? "edited" : "text";
+    } else if (d.stripped) {
+      kind =
+          (d.hadPlaceholder || amt == kFileTransfer || attachments >= 1) ? "attachment" : "empty";
+    } else {
+      kind = attachments >= 1 ? "attachment" : "empty";
+    }
+  }
+  sqlite3_result_text(ctx, kind, -1, SQLITE_STATIC);
+}
+
+void teskIsTapback(sqlite3_context* ctx, int argc, sqlite3_value** argv) {
+  if (ctx == nullptr || argv == nullptr || argc < 1) return;
+  sqlite3_result_int64(ctx, isTapback(sqlite3_value_int64(argv[0])) ? 1 : 0);
+}
+
+void teskWho(sqlite3_context* ctx, int argc, sqlite3_value** argv) {
+  if (ctx == nullptr || argv == nullptr || argc < 3) return;
+  std::optional<std::string_view> handle = textArg(argv[0]);
+  if (handle && !handle->empty()) {
+    resultText(ctx, *handle);
+  } else if (sqlite3_value_int64(argv[2]) == kGroupStyle) {
+    resultText(ctx, "");
+  } else {
+    resultText(ctx, textArg(argv[1]).value_or(""));
+  }
+}
+
+void teskCanonical(sqlite3_context* ctx, int argc, sqlite3_value** argv) {
+  if (ctx == nullptr || argv == nullptr || argc < 1) return;
+  resultText(ctx, TeskIdentity::canonical(textArg(argv[0]).value_or("")));
+}
+
+void teskTs(sqlite3_context* ctx, int argc, sqlite3_value** argv) {
+  if (ctx == nullptr || argv == nullptr || argc < 1) return;
+  sqlite3_result_double(ctx, TeskTime::fromAppleDate(sqlite3_value_int64(argv[0])));
+}
+
+void teskIso(sqlite3_context* ctx, int argc, sqlite3_value** argv) {
+  if (ctx == nullptr || argv == nullptr || argc < 1) return;
+  resultText(ctx, TeskTime::isoString(sqlite3_value_double(argv[0])));
+}
+
+void teskMatch(sqlite3_context* ctx, int argc, sqlite3_value** argv) {
+  if (ctx == nullptr || argv == nullptr || argc < 2) return;
+  std::string_view query = textArg(argv[0]).value_or("");
+  std::string_view handle = textArg(argv[1]).value_or("");
+  bool match = query.empty() || TeskIdentity::matches(query, handle) ||
+               TeskIdentity::canonical(handle) == TeskIdentity::canonical(query);
+  sqlite3_result_int64(ctx, match ? 1 : 0);
+}
+
+}  // namespace
+
+void TeskFunctions::install(sqlite3* db, TeskFunctions& functions) {
+  struct Entry {
+    const char* name;
+    int arity;
+    void (*call)(sqlite3_context*, int, sqlite3_value**);
+  };
+  static constexpr Entry entries[] = {
+      {"tesk_body", 3, teskBody},
+      {"tesk_kind", 6, teskKind},
+      {"tesk_is_tapback", 1, teskIsTapback},
+      {"tesk_who", 3, teskWho},
+      {"tesk_canonical", 1, teskCanonical},
+      {"tesk_ts", 1, teskTs},
+      {"tesk_iso", 1, teskIso},
+      {"tesk_match", 2, teskMatch},
+  };
+  for (const Entry& e : entries) {
+    // A failed registration surfaces later as "no such function" in the statement.
+    sqlite3_create_function_v2(db, e.name, e.arity, SQLITE_UTF8 | SQLITE_DETERMINISTIC, &functions,
+                               e.call, nullptr, nullptr, nullptr);
+  }
+}
+
+const TeskFunctions::Decoded& TeskFunctions::decode(int64_t rowID,
+                                                    std::optional<std::string_view> text,
+                                                    TeskDecode::Bytes blob) {
+  if (rowID >= 0 && rowID == memoRowID_ && memo_) return *memo_;
+  Decoded d;
+  d.outcome = TeskDecode::body(text, blob);
+  TeskDecode::Stripped s = TeskDecode::stripPlaceholders(d.outcome.body);
+  d.stripped = std::move(s.text);
+  d.hadPlaceholder = s.hadPlaceholder;
+  census_.record(d.outcome);
+  memoRowID_ = rowID;
+  memo_ = std::move(d);
+  return *memo_;
+}
+
+std::optional<std::string> TeskFunctions::body(int64_t rowID, std::optional<std::string_view> text,
+                                               TeskDecode::Bytes blob) {
+  return decode(rowID, text, blob).stripped;
+}

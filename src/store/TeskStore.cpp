@@ -1,0 +1,374 @@
+#include "store/TeskStore.h"
+
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <random>
+#include <system_error>
+
+#include "store/TeskFunctions.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct FinalizeStatement {
+  void operator()(sqlite3_stmt* stmt) const { sqlite3_finalize(stmt); }
+};
+using Statement = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
+
+// Prepares `sql` on `db`; null on any failure.
+Statement prepare(sqlite3* db, const std::string& sql) {
+  sqlite3_stmt* raw = nullptr;
+  int rc = sqlite3_prepare_v2(db, sql.c_str(), -1, &raw, nullptr);
+  Statement stmt(raw);
+  if (rc != SQLITE_OK) stmt.reset();
+  return stmt;
+}
+
+// Column 0 of the first row as text; nothing on a prepare error, no row or NULL.
+std::optional<std::string> firstText(sqlite3* db, const std::string& sql) {
+  if (db == nullptr) return std::nullopt;
+  Statement stmt = prepare(db, sql);
+  if (!stmt || sqlite3_step(stmt.get()) != SQLITE_ROW) return std::nullopt;
+  const unsigned char* text = sqlite3_column_text(stmt.get(), 0);
+  if (text == nullptr) return std::nullopt;
+  return std::string(reinterpret_cast<const char*>(text),
+                     static_cast<size_t>(sqlite3_column_bytes(stmt.get(), 0)));
+}
+
+std::string asciiLower(std::string s) {
+  for (char& c : s) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + 32);
+  }
+  return s;
+}
+
+bool fileExists(const std::string& path) {
+  struct stat st;
+  return ::stat(path.c_str(), &st) == 0;
+}
+
+// Size in bytes, or nothing when the attributes cannot be read.
+std::optional<int64_t> fileSize(const std::string& path) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) return std::nullopt;
+  return static_cast<int64_t>(st.st_size);
+}
+
+// Modification time in unix seconds, or nothing when the attributes cannot be read.
+std::optional<double> modified(const std::string& path) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) return std::nullopt;
+#ifdef __APPLE__
+  const struct timespec& t = st.st_mtimespec;
+#else
+  const struct timespec& t = st.st_mtim;
+#endif
+  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
+}
+
+// The characters a URL path may carry unescaped; "?" and "#" are not among them,
+// so a path holding them cannot end the file name early inside the URI.
+bool pathAllowed(unsigned char c) {
+  if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')) return true;
+  switch (c) {
+    case '!':
+    case '$':
+    case '&':
+    case '\'':
+    case '(':
+    case ')':
+    case '*':
+    case '+':
+    case ',':
+    case '-':
+    case '.':
+    case '/':
+    case ':':
+    case ';':
+    case '=':
+    case '@':
+    case '_':
+    case '~':
+      return true;
+    default:
+      return false;
+  }
+}
+
+std::string uriForReadOnly(const std::string& path) {
+  static constexpr char hex[] = "0123456789ABCDEF";
+  std::string uri = "file:";
+  uri.reserve(path.size() + 16);
+  for (unsigned char c : path) {
+    if (pathAllowed(c)) {
+      uri += static_cast<char>(c);
+    } else {
+      uri += '%';
+      uri += hex[c >> 4];
+      uri += hex[c & 0xF];
+    }
+  }
+  uri += "?mode=ro";
+  return uri;
+}
+
+std::string defaultTemporaryDirectory() {
+  const char* tmp = std::getenv("TMPDIR");
+  if (tmp != nullptr && *tmp != '\0') return tmp;
+  return "/tmp";
+}
+
+bool defaultReadable(const std::string& path) { return ::access(path.c_str(), R_OK) == 0; }
+
+std::string lastComponent(const std::string& path) {
+  std::string name = fs::path(path).filename().string();
+  return name.empty() ? std::string("store") : name;
+}
+
+// A random unsigned 32-bit number; the clock stands in if the platform source fails.
+uint32_t randomU32() {
+  try {
+    std::random_device device;
+    return std::uniform_int_distribution<uint32_t>()(device);
+  } catch (const std::exception&) {
+    return static_cast<uint32_t>(std::chrono::steady_clock::now().time_since_epoch().count());
+  }
+}
+
+const char* const kDenied =
+    "permission denied — grant Full Disk Access to this binary's parent process";
+const char* const kStale =
+    "-wal present but the snapshot did not open in WAL mode; refusing a stale read";
+
+}  // namespace
+
+std::string_view rawValue(TeskOpenMode mode) {
+  switch (mode) {
+    case TeskOpenMode::liveReadOnly:
+      return "ro";
+    case TeskOpenMode::snapshot:
+      return "snapshot";
+    case TeskOpenMode::plain:
+      return "plain";
+  }
+  return "plain";
+}
+
+void TeskStore::CloseConnection::operator()(sqlite3* db) const { sqlite3_close_v2(db); }
+
+TeskStore::Directory& TeskStore::Directory::operator=(Directory&& other) noexcept {
+  if (this != &other) {
+    remove();
+    path_ = std::exchange(other.path_, {});
+  }
+  return *this;
+}
+
+void TeskStore::Directory::remove() noexcept {
+  if (path_.empty()) return;
+  std::error_code ec;
+  fs::remove_all(path_, ec);  // a failure to remove is not the reader's problem
+  path_.clear();
+}
+
+TeskStore::TeskStore(std::string path) : TeskStore(std::move(path), Environment{}) {}
+
+TeskStore::TeskStore(std::string path, Environment environment)
+    : path_(std::move(path)), functions_(std::make_unique<TeskFunctions>()) {
+  if (!environment.readable) environment.readable = defaultReadable;
+  if (environment.temporaryDirectory.empty()) {
+    environment.temporaryDirectory = defaultTemporaryDirectory();
+  }
+  open(environment);
+}
+
+TeskStore::~TeskStore() = default;
+
+TeskStore::TeskStore(TeskStore&& other) noexcept
+    : path_(std::move(other.path_)),
+      mode_(other.mode_),
+      sourceModified_(other.sourceModified_),
+      functions_(std::move(other.functions_)),
+      snapshot_(std::move(other.snapshot_)),
+      db_(std::move(other.db_)) {}
+
+TeskStore& TeskStore::operator=(TeskStore&& other) noexcept {
+  if (this != &other) {
+    // Close before the directory and the functions' state go away.
+    db_.reset();
+    snapshot_ = std::move(other.snapshot_);
+    functions_ = std::move(other.functions_);
+    db_ = std::move(other.db_);
+    path_ = std::move(other.path_);
+    mode_ = other.mode_;
+    sourceModified_ = other.sourceModified_;
+  }
+  return *this;
+}
+
+TeskDecode::Census TeskStore::decodeCensus() const {
+  return functions_ ? functions_->census() : TeskDecode::Census{};
+}
+
+void TeskStore::open(const Environment& environment) {
+  if (!fileExists(path_)) throw TeskStoreError::denied(path_, "no such file");
+  if (!environment.readable(path_)) throw TeskStoreError::denied(path_, kDenied);
+
+  for (const char* suffix : {"", "-wal", "-shm"}) {
+    if (auto t = modified(path_ + suffix); t && *t > sourceModified_) sourceModified_ = *t;
+  }
+  // Observed once: every later decision uses this same answer.
+  const bool hasWAL = fileExists(path_ + "-wal");
+
+  // Live attempt. No busy timeout: a locked store fails at once and is copied.
+  // An empty main file beside a -wal is skipped: SQLite deletes such a -wal on
+  // open, even through a read-only handle, and the owner's files are not ours
+  // to change. The copy then meets the same fate and the open is refused.
+  if (!(hasWAL && fileSize(path_) == 0)) {
+    sqlite3* raw = nullptr;
+    int rc = sqlite3_open_v2(uriForReadOnly(path_).c_str(), &raw,
+                             SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr);
+    Connection live(raw);
+    if (rc == SQLITE_OK && live) {
+      std::optional<std::string> journal = firstText(live.get(), "PRAGMA journal_mode");
+      // The probe reads the schema, which fails on a locked file or an unreadable
+      // WAL index; the journal mode alone does not prove the WAL is visible.
+      bool probed = firstText(live.get(), "SELECT COUNT(*) FROM sqlite_master").has_value();
+      bool seesWAL = journal && asciiLower(*journal) == "wal";
+      if (probed && (!hasWAL || seesWAL)) {
+        mode_ = hasWAL ? TeskOpenMode::liveReadOnly : TeskOpenMode::plain;
+        TeskFunctions::install(live.get(), *functions_);
+        db_ = std::move(live);
+        return;
+      }
+    }
+  }
+
+  // Snapshot: a private copy of the file with its -wal and -shm.
+  fs::path dir =
+      fs::path(environment.temporaryDirectory) /
+      ("tesk-snapshot-" + std::to_string(::getpid()) + "-" + std::to_string(randomU32()));
+  std::error_code ignored;
+  fs::create_directories(dir, ignored);  // a failure shows up as the copy's error
+  Directory snapshot(dir.string());
+  const fs::path copy = dir / lastComponent(path_);
+  for (const char* suffix : {"", "-wal", "-shm"}) {
+    std::string source = path_ + suffix;
+    if (!fileExists(source)) continue;
+    std::error_code ec;
+    fs::copy_file(source, copy.string() + suffix, fs::copy_options::overwrite_existing, ec);
+    if (ec) throw TeskStoreError::denied(path_, "snapshot failed: " + ec.message());
+  }
+
+  sqlite3* raw = nullptr;
+  int rc = sqlite3_open_v2(copy.c_str(), &raw, SQLITE_OPEN_READWRITE, nullptr);
+  Connection copied(raw);
+  if (rc != SQLITE_OK || !copied) throw TeskStoreError::denied(path_, "snapshot unreadable");
+  if (hasWAL) {
+    std::optional<std::string> journal = firstText(copied.get(), "PRAGMA journal_mode");
+    if (!journal || asciiLower(*journal) != "wal") throw TeskStoreError::staleWAL(path_, kStale);
+  }
+  TeskFunctions::install(copied.get(), *functions_);
+  mode_ = TeskOpenMode::snapshot;
+  snapshot_ = std::move(snapshot);
+  db_ = std::move(copied);
+}
+
+void TeskStore::query(const std::string& sql, const std::vector<TeskValue>& binds,
+                      TeskRowCallback row) {
+  if (!db_) throw TeskStoreError::sql("closed");
+  sqlite3* db = db_.get();
+  Statement stmt = prepare(db, sql);
+  if (!stmt) throw TeskStoreError::sql(sqlite3_errmsg(db));
+  for (size_t k = 0; k < binds.size(); ++k) {
+    const TeskValue& v = binds[k];
+    int index = static_cast<int>(k + 1);
+    switch (v.type()) {
+      case TeskValue::Type::integer:
+        sqlite3_bind_int64(stmt.get(), index, v.integer());
+        break;
+      case TeskValue::Type::real:
+        sqlite3_bind_double(stmt.get(), index, v.real());
+        break;
+      case TeskValue::Type::text:
+        sqlite3_bind_text(stmt.get(), index, v.text().c_str(), -1, SQLITE_TRANSIENT);
+        break;
+      case TeskValue::Type::null:
+        sqlite3_bind_null(stmt.get(), index);
+        break;
+    }
+  }
+  const TeskRowReader reader(stmt.get());
+  int rc;
+  while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW) row(reader);
+  if (rc != SQLITE_DONE) throw TeskStoreError::sql(sqlite3_errmsg(db));
+}
+
+bool TeskStore::tableExists(const std::string& name) {
+  bool found = false;
+  try {
+    query("SELECT 1 FROM sqlite_master WHERE type IN ('table','view') AND name = ?", {name},
+          [&](const TeskRowReader&) { found = true; });
+  } catch (const TeskStoreError&) {
+  }
+  return found;
+}
+
+bool TeskStore::columnExists(const std::string& column, const std::string& table) {
+  bool found = false;
+  try {
+    query("SELECT 1 FROM pragma_table_info(?) WHERE lower(name) = lower(?)", {table, column},
+          [&](const TeskRowReader&) { found = true; });
+  } catch (const TeskStoreError&) {
+  }
+  return found;
+}
+
+std::vector<std::string> TeskStore::columnNames(const std::string& sql) {
+  if (!db_) throw TeskStoreError::sql("closed");
+  Statement stmt = prepare(db_.get(), sql);
+  if (!stmt) throw TeskStoreError::sql(sqlite3_errmsg(db_.get()));
+  std::vector<std::string> names;
+  int n = sqlite3_column_count(stmt.get());
+  names.reserve(static_cast<size_t>(n));
+  for (int i = 0; i < n; ++i) {
+    const char* name = sqlite3_column_name(stmt.get(), i);
+    names.emplace_back(name != nullptr ? name : "");
+  }
+  return names;
+}
+
+std::optional<int64_t> TeskStore::scalarInt(const std::string& sql) {
+  if (!db_) return std::nullopt;
+  Statement stmt = prepare(db_.get(), sql);
+  if (!stmt) return std::nullopt;
+  std::optional<int64_t> value;
+  // A step error after some rows keeps the value already read.
+  while (sqlite3_step(stmt.get()) == SQLITE_ROW) value = sqlite3_column_int64(stmt.get(), 0);
+  return value;
+}
+
+std::optional<std::string> TeskStore::scalarText(const std::string& sql) {
+  return firstText(db_.get(), sql);
+}
+
+void TeskStore::execute(const std::string& sql) {
+  if (!db_) throw TeskStoreError::sql("closed");
+  char* raw = nullptr;
+  int rc = sqlite3_exec(db_.get(), sql.c_str(), nullptr, nullptr, &raw);
+  std::unique_ptr<char, decltype(&sqlite3_free)> error(raw, &sqlite3_free);
+  if (rc != SQLITE_OK) throw TeskStoreError::sql(error ? std::string(error.get()) : "exec failed");
+}
+
+bool TeskStore::isReadOnly(const std::string& sql) {
+  if (!db_) throw TeskStoreError::sql("closed");
+  Statement stmt = prepare(db_.get(), sql);
+  if (!stmt) throw TeskStoreError::sql(sqlite3_errmsg(db_.get()));
+  return sqlite3_stmt_readonly(stmt.get()) != 0;
+}
