@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "report/TeskRow.h"
+#include "report/TeskSpan.h"
 #include "sources/messages/TeskFilter.h"
 
 namespace TeskMail {
@@ -79,6 +80,80 @@ struct Mailbox {
   std::string name;     // percent-decoded path, "(root)" when empty
   std::string leaf;     // last non-empty path component; empty for an empty path
 };
+
+// How recent the index is, judged from its newest date_received values.
+struct Freshness {
+  double newest = 0;       // newest credible sample (0 < sample <= now); 0 when none
+  double runnerUp = 0;     // second newest credible sample; 0 when fewer than two
+  double raw = 0;          // the largest sample, credible or not (what MAX() says)
+  int64_t future = 0;      // samples after `now`
+  int64_t sampled = 0;     // samples taken
+  double now = 0;          // the instant the samples were judged against
+  bool contested = false;  // the newest credible sample breaks the mailbox's rhythm
+
+  // Days since `newest`; infinity when there is no credible sample.
+  double ageDays() const;
+};
+
+// One read of the index.
+struct Result {
+  std::vector<TeskRow> rows;        // ascending by ts (stable)
+  std::vector<std::string> denied;  // "mail: <why>"; empty when the index was read
+  Census census;
+  std::optional<TeskSpan> horizon;            // the whole index, widened by the window
+  std::map<std::string, TeskSpan> horizons;   // per mailbox name
+  std::map<std::string, int64_t> perMailbox;  // emitted rows per mailbox name
+  Freshness freshness;
+  int64_t indexRows = 0;
+  int64_t candidates = 0;        // rows that passed the header filters
+  int64_t bodiesAttempted = 0;   // candidates whose body was sought
+  int64_t bodiesOpened = 0;      // plain + html + noTextPart + malformed + undecodable + unreadable
+  int64_t bodiesSkipped = 0;     // candidates - bodiesAttempted (= census.notOpened)
+  bool budgetWaived = false;     // a text selector made every body sought
+  int64_t futureDated = 0;       // window rows received after `now`
+  int64_t excludedFiltered = 0;  // Spam / Junk rows dropped
+  int64_t excludedGroup = 0;     // rows with two or more recipients dropped
+  std::string openMode;          // "ro", "snapshot", "plain"; empty when nothing was opened
+};
+
+// Index rows against body files, per mailbox.
+struct Ledger {
+  struct Entry {
+    std::string mailbox;
+    int64_t indexRows = 0;
+    int64_t files = 0;
+    int64_t partial = 0;
+    std::vector<int64_t> missing;  // index ROWIDs without a body file, ascending
+    int64_t orphans = 0;           // body files whose ROWID the mailbox does not hold
+  };
+  std::vector<Entry> entries;
+};
+
+// Mailbox names whose messages are the owner's own ("Sent Mail", "Drafts", ...).
+bool isSentLeaf(std::string_view leaf);
+// Spam and Junk.
+bool isFilteredLeaf(std::string_view leaf);
+
+// The index: the newest V<n> directory under home/Library/Mail holding
+// MailData/Envelope Index. Nothing when there is none.
+std::optional<std::string> indexPath(const std::string& home);
+// The mailbox a URL names ("imap://<account>/<percent-encoded path>"); nothing
+// for a URL without "://".
+std::optional<Mailbox> mailbox(int64_t id, std::string_view url);
+// Freshness of the samples (any order) judged at `now`.
+Freshness freshness(std::vector<double> samples, double now);
+
+// The mail rows the filter selects, with their counts. At most `bodyBudget`
+// bodies are opened, newest first, unless a text query or --grep needs them all.
+// Never throws: what cannot be read becomes a `denied` entry.
+Result read(const TeskIMessage::Filter& filter, double now, int64_t bodyBudget,
+            const std::string& home);
+// Every mailbox's index rows reconciled with the body files on disk; walks the
+// data directories, so it is never on the read path. Nothing without an index.
+std::optional<Ledger> ledger(const std::string& home);
+// The receipt notes a read yields: the decode line, the below-gate warning and
+// the future-dated note. No decode line for a read that was denied.
+std::vector<std::string> notes(const Result& result);
 
 // Body files: locating them
 
