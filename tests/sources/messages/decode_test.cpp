@@ -232,15 +232,6 @@ TEST(Census, CountsTiersAndDerivesTheRate) {
   EXPECT_DOUBLE_EQ(census.rate(), 5.0 / 6.0);
 }
 
-TEST(Tier, RawValuesAreTheCaseNames) {
-  const std::vector<std::pair<Tier, std::string_view>> names = {
-      {Tier::plainText, "plainText"},       {Tier::legacyAttributed, "legacyAttributed"},
-      {Tier::legacyString, "legacyString"}, {Tier::keyedAttributed, "keyedAttributed"},
-      {Tier::undecodable, "undecodable"},   {Tier::absent, "absent"},
-  };
-  for (const auto& [tier, name] : names) EXPECT_EQ(TeskDecode::rawValue(tier), name);
-}
-
 struct StripCase {
   const char* name;
   std::optional<std::string> body;
