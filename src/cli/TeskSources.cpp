@@ -47,8 +47,8 @@ void readMessages(const ReadContext& ctx, const std::vector<std::string>&, Accum
     rc.attachmentsSupported = r.attachmentsSupported;
     acc.perSource["im"] = static_cast<int64_t>(r.rows.size());
     setHorizon(acc, "im", r.horizon);
-    acc.rows.insert(acc.rows.end(), std::make_move_iterator(r.rows.begin()),
-                    std::make_move_iterator(r.rows.end()));
+    // m.date order puts whole-second rows before nanosecond ones; sort on ts.
+    mergeSorted(acc, std::move(r.rows));
     if (ctx.verb == "sql") acc.messageStore = std::move(store);
   } catch (const TeskStoreError& e) {
     if (only) {

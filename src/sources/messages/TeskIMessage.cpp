@@ -108,6 +108,7 @@ std::string defaultPath(const std::string& home) { return home + "/Library/Messa
 
 Schema probe(TeskStore& store) {
   Schema s;
+  s.associatedType = store.columnExists("associated_message_type", "message");
   s.dateEdited = store.columnExists("date_edited", "message");
   s.isFiltered = store.columnExists("is_filtered", "chat");
   s.itemType = store.columnExists("item_type", "message");
@@ -144,7 +145,7 @@ std::pair<std::string, std::vector<TeskValue>> predicates(const Schema& schema,
         "(m.item_type = 0 AND m.is_read = 0 AND m.is_from_me = 0\n AND m.is_finished = 1 AND "
         "m.is_system_message = 0)");
   }
-  if (!filter.includeTapbacks && !keepTapbacks) {
+  if (!filter.includeTapbacks && !keepTapbacks && schema.associatedType) {
     conds.push_back("NOT (" + TeskFunctions::tapbackSQL + ")");
   }
   if (filter.direction) {
@@ -184,6 +185,13 @@ std::string projection(const Schema& schema) {
     if (schema.hideAttachment) s += kAttHide;
     s += kAtt2;
   }
+  if (!schema.associatedType) {
+    // Stores older than reactions have no tapbacks: the type reads as 0.
+    const std::string column = "m.associated_message_type";
+    for (size_t at = s.find(column); at != std::string::npos; at = s.find(column, at)) {
+      s.replace(at, column.size(), "0");
+    }
+  }
   return s;
 }
 
@@ -218,7 +226,8 @@ Result stats(TeskStore& store, const Filter& filter) {
     active.push_back(cond);
     return c;
   };
-  std::string tap = counter(!filter.includeTapbacks, "(" + TeskFunctions::tapbackSQL + ")");
+  std::string tap = counter(!filter.includeTapbacks,
+                            schema.associatedType ? "(" + TeskFunctions::tapbackSQL + ")" : "(0)");
   std::string grp = counter(!filter.includeGroups, "(COALESCE(c.style, 0) = 43)");
   std::string fil = counter(!filter.includeFiltered,
                             schema.isFiltered ? "(COALESCE(c.is_filtered, 0) = 1)" : "(0)");

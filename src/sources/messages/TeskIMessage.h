@@ -26,6 +26,7 @@ namespace TeskIMessage {
 
 // Optional parts of the schema, probed before any statement names them.
 struct Schema {
+  bool associatedType = true;  // message.associated_message_type (absent in 2015 stores)
   bool dateEdited = false;
   bool isFiltered = false;
   bool itemType = false;

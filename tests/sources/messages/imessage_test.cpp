@@ -1,0 +1,338 @@
+// The iMessage producer and the decoded view over small chat.db stores built from
+// the real macOS 26 and OS X 2015 schemas.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "common/TeskTestHome.h"
+#include "sources/messages/TeskIMessage.h"
+#include "store/TeskSQL.h"
+#include "store/TeskStore.h"
+
+namespace {
+
+using tesk_test::Insert;
+
+constexpr double kNow = 1790000000;  // 2026-09-21
+int64_t ns(double unix) { return static_cast<int64_t>((unix - 978307200) * 1e9); }
+
+// Handles, chats and messages that exercise every exclusion and join trap.
+struct ChatDB {
+  tesk_test::TempHome home;
+  std::string path = home.file("Library/Messages/chat.db");
+
+  explicit ChatDB(const std::string& schema = "chatdb.sql") {
+    auto db = tesk_test::createStore(path, schema);
+    tesk_test::exec(db.get(),
+                    "INSERT INTO handle(ROWID,id,service) VALUES (1,'+14155550123','iMessage'),"
+                    "(2,'bob@example.com','iMessage'),(3,'+442079460018','iMessage'),"
+                    "(4,'4155550123','SMS');"
+                    "INSERT INTO chat(ROWID,guid,style,chat_identifier,is_filtered) VALUES "
+                    "(1,'c1',45,'+14155550123',0),(2,'c2',43,'chat777',0),"
+                    "(3,'c3',45,'+19995550000',1);");
+    if (schema == "chatdb.sql") {
+      Insert m(db.get(),
+               "INSERT INTO message(ROWID,guid,text,attributedBody,handle_id,date,is_from_me,"
+               "associated_message_type,item_type,is_read,is_finished,is_system_message,"
+               "date_edited) VALUES (?,?,?,?,?,?,?,?,0,?,1,0,?)");
+      auto add = [&](int64_t id, std::optional<std::string> text, std::optional<std::string> blob,
+                     int64_t handle, std::optional<int64_t> date, int fromMe, int amt, int read,
+                     int64_t edited = 0) {
+        m.i(id).t("g" + std::to_string(id));
+        text ? m.t(*text) : m.null();
+        blob ? m.b(tesk_test::attributedBody(*blob)) : m.null();
+        m.i(handle);
+        date ? m.i(*date) : m.null();
+        m.i(fromMe).i(amt).i(read).i(edited).run();
+      };
+      add(1, std::nullopt, "dinner at eight?", 1, ns(kNow - 86400), 0, 0, 1);
+      add(2, "stale text column", "Résumé sent", 0, ns(kNow - 80000), 1, 0, 1);
+      add(3, std::nullopt, "Loved “dinner at eight?”", 1, ns(kNow - 79000), 0, 2000, 1);
+      add(4, std::nullopt, "group hello", 3, ns(kNow - 70000), 0, 0, 1);
+      add(5, std::nullopt, "win a prize", 0, ns(kNow - 60000), 0, 0, 1);
+      add(6, std::nullopt, "orphan note", 2, ns(kNow - 50000), 0, 0, 1);
+      add(7, std::nullopt, "in two chats", 1, ns(kNow - 40000), 0, 0, 1);
+      add(8, std::nullopt, "undated", 1, std::nullopt, 0, 0, 1);
+      add(9, std::nullopt, "legacy seconds", 4, static_cast<int64_t>(kNow - 30000 - 978307200), 0,
+          0, 1);
+      add(10, std::nullopt, "\xEF\xBF\xBC", 1, ns(kNow - 20000), 0, 0, 1);
+      add(11, std::nullopt, "are you there", 1, ns(kNow - 10000), 0, 0, 0);
+      add(12, std::nullopt, "Liked group hello", 3, ns(kNow - 9000), 0, 2001, 1);
+      add(13, "plain old text", std::nullopt, 1, ns(kNow - 8000), 0, 0, 1);
+      add(14, std::nullopt, "fixed typo", 1, ns(kNow - 7000), 1, 0, 1, ns(kNow - 6000));
+      tesk_test::exec(
+          db.get(),
+          "INSERT INTO chat_message_join(chat_id,message_id) VALUES (1,1),(1,2),(1,3),(2,4),"
+          "(3,5),(1,7),(2,7),(1,8),(1,9),(1,10),(1,11),(2,12),(1,13),(1,14);"
+          "INSERT INTO attachment(ROWID,guid,original_guid,filename,transfer_name,mime_type,"
+          "total_bytes,hide_attachment) VALUES (1,'a1','o1','~/Library/Messages/Attachments/x.jpg',"
+          "'x.jpg','image/jpeg',1234,0),(2,'a2','o2','/p/preview.png','preview.png','image/png',"
+          "9,1);"
+          "INSERT INTO message_attachment_join(message_id,attachment_id) VALUES (10,1),(10,2);");
+    }
+  }
+};
+
+TeskIMessage::Filter everything() {
+  TeskIMessage::Filter f;
+  f.includeFiltered = true;
+  f.includeTapbacks = true;
+  return f;
+}
+
+std::vector<std::string> ids(const TeskIMessage::Result& r) {
+  std::vector<std::string> out;
+  for (const TeskRow& row : r.rows) out.push_back(row.id);
+  return out;
+}
+
+const TeskRow* row(const TeskIMessage::Result& r, const std::string& id) {
+  for (const TeskRow& x : r.rows) {
+    if (x.id == id) return &x;
+  }
+  return nullptr;
+}
+
+TEST(IMessageRead, DefaultExclusionsAreCountedAndJoinTrapsAvoided) {
+  ChatDB fx;
+  TeskStore store(fx.path);
+  TeskIMessage::Result r = TeskIMessage::read(store, TeskIMessage::Filter{}, fx.home.path());
+  // Tapbacks 3 and 12 and filtered 5 are gone; 7 (two chats) appears once.
+  EXPECT_EQ(ids(r), (std::vector<std::string>{"im:8", "im:9", "im:1", "im:2", "im:4", "im:6",
+                                              "im:7", "im:10", "im:11", "im:13", "im:14"}));
+  EXPECT_EQ(r.excludedTapback, 2);  // the group tapback counts once, as a tapback
+  EXPECT_EQ(r.excludedFiltered, 1);
+  EXPECT_EQ(r.excludedGroup, 0);  // groups are kept by default
+  EXPECT_EQ(r.orphans, 1);
+  EXPECT_EQ(r.undated, 1);
+  EXPECT_EQ(r.hiddenAttachments, 1);
+  EXPECT_TRUE(r.unreadSupported);
+  EXPECT_TRUE(r.attachmentsSupported);
+  EXPECT_EQ(row(r, "im:7")->chatID, 1);
+  EXPECT_EQ(row(r, "im:6")->chatID, 0);
+  ASSERT_TRUE(r.horizon);
+  EXPECT_DOUBLE_EQ(r.horizon->to, kNow - 7000);
+}
+
+TEST(IMessageRead, RowsCarryDecodedBodiesKindsAndCounterparts) {
+  ChatDB fx;
+  TeskStore store(fx.path);
+  TeskIMessage::Result r = TeskIMessage::read(store, TeskIMessage::Filter{}, fx.home.path());
+  const TeskRow* sent = row(r, "im:2");
+  ASSERT_NE(sent, nullptr);
+  EXPECT_EQ(sent->body, "Résumé sent");  // the blob wins over a stale text column
+  EXPECT_EQ(sent->dir, TeskRow::Direction::outgoing);
+  EXPECT_EQ(sent->who, "+14155550123");  // handle 0 falls back to the chat identifier
+  EXPECT_EQ(sent->teskID, "+4155550123");
+  EXPECT_EQ(row(r, "im:4")->who, "+442079460018");
+  EXPECT_TRUE(row(r, "im:4")->group);
+  EXPECT_EQ(row(r, "im:13")->body, "plain old text");
+  EXPECT_EQ(row(r, "im:14")->kind, TeskRow::Kind::edited);
+  EXPECT_TRUE(row(r, "im:11")->unread);
+  EXPECT_DOUBLE_EQ(row(r, "im:9")->ts, kNow - 30000);  // whole seconds are not 1970
+  EXPECT_DOUBLE_EQ(row(r, "im:8")->ts, 0);
+  const TeskRow* att = row(r, "im:10");
+  EXPECT_EQ(att->kind, TeskRow::Kind::attachment);
+  EXPECT_EQ(att->body, "");
+  ASSERT_EQ(att->attachments.size(), 1u);  // the hidden preview never reaches a row
+  EXPECT_EQ(att->attachments[0].path, fx.home.path() + "/Library/Messages/Attachments/x.jpg");
+  EXPECT_EQ(att->attachments[0].bytes, 1234);
+  EXPECT_EQ(r.census.plainText, 1);
+  EXPECT_EQ(r.census.undecodable, 0);
+}
+
+struct FilterCase {
+  const char* name;
+  std::function<void(TeskIMessage::Filter&)> set;
+  std::vector<std::string> ids;
+  int64_t excludedGroup = 0;
+};
+
+class IMessageFilters : public ::testing::TestWithParam<FilterCase> {};
+
+TEST_P(IMessageFilters, KeepExactlyTheMatchingRows) {
+  ChatDB fx;
+  TeskStore store(fx.path);
+  TeskIMessage::Filter f;
+  GetParam().set(f);
+  TeskIMessage::Result r = TeskIMessage::read(store, f, fx.home.path());
+  EXPECT_EQ(ids(r), GetParam().ids);
+  EXPECT_EQ(r.excludedGroup, GetParam().excludedGroup);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, IMessageFilters,
+    ::testing::Values(
+        FilterCase{"since_drops_undated",
+                   [](auto& f) { f.since = kNow - 45000; },
+                   {"im:9", "im:7", "im:10", "im:11", "im:13", "im:14"}},
+        FilterCase{"until_keeps_whole_second_rows_by_their_ts",
+                   [](auto& f) { f.until = kNow - 35000; },
+                   {"im:8", "im:1", "im:2", "im:4", "im:6", "im:7"}},
+        FilterCase{"unread_only", [](auto& f) { f.unreadOnly = true; }, {"im:11"}},
+        FilterCase{"outgoing",
+                   [](auto& f) { f.direction = TeskRow::Direction::outgoing; },
+                   {"im:2", "im:14"}},
+        FilterCase{"who_matches_every_spelling_of_a_number",
+                   [](auto& f) { f.who = "(415) 555-0123"; },
+                   {"im:8", "im:9", "im:1", "im:2", "im:7", "im:10", "im:11", "im:13", "im:14"}},
+        FilterCase{"who_email_fragment", [](auto& f) { f.who = "BOB@"; }, {"im:6"}},
+        FilterCase{"empty_who_applies_no_condition",
+                   [](auto& f) { f.who = ""; },
+                   {"im:8", "im:9", "im:1", "im:2", "im:4", "im:6", "im:7", "im:10", "im:11",
+                    "im:13", "im:14"}},
+        FilterCase{"query_ignores_case_and_accents", [](auto& f) { f.query = "RESUME"; }, {"im:2"}},
+        FilterCase{"grep_is_case_insensitive",
+                   [](auto& f) { f.grep = TeskRegex::compile("^DIN+er"); },
+                   {"im:1"}},
+        FilterCase{
+            "no_groups_counts_them",
+            [](auto& f) { f.includeGroups = false; },
+            {"im:8", "im:9", "im:1", "im:2", "im:6", "im:7", "im:10", "im:11", "im:13", "im:14"},
+            1}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(IMessageStats, WaterfallCountsEachRowOnceAndDecodesNothing) {
+  ChatDB fx;
+  TeskStore store(fx.path);
+  TeskIMessage::Filter f;
+  f.includeGroups = false;
+  TeskIMessage::Result r = TeskIMessage::stats(store, f);
+  EXPECT_EQ(r.excludedTapback, 2);  // 12 is a tapback in a group: counted as a tapback only
+  EXPECT_EQ(r.excludedGroup, 1);
+  EXPECT_EQ(r.excludedFiltered, 1);
+  EXPECT_EQ(store.decodeCensus().blobs(), 0);
+  EXPECT_EQ(TeskIMessage::rawMessageCount(store), 14);
+  EXPECT_EQ(TeskIMessage::innerJoinCount(store), 14);  // 15 links minus the orphan
+}
+
+TEST(IMessagePredicates, InlinedValuesAreLiteralsWithQuotesDoubled) {
+  TeskIMessage::Filter f;
+  f.who = "O'Brien";
+  f.direction = TeskRow::Direction::incoming;
+  auto [sql, binds] = TeskIMessage::predicates(TeskIMessage::Schema{}, f, true, false);
+  EXPECT_TRUE(binds.empty());
+  EXPECT_NE(sql.find("tesk_match('O''Brien',"), std::string::npos) << sql;
+  EXPECT_NE(sql.find("m.is_from_me = 0"), std::string::npos);
+  EXPECT_NE(sql.find("NOT (m.associated_message_type BETWEEN 2000 AND 3007)"), std::string::npos);
+  auto [bound, values] = TeskIMessage::predicates(TeskIMessage::Schema{}, f, false, false);
+  EXPECT_EQ(values.size(), 6u);  // two bound flags, two bounds, direction, who
+}
+
+TEST(IMessageSchemaDrift, OldStoreLacksUnreadAndHiddenButStillReads) {
+  ChatDB fx("chatdb.osx-2015.sql");
+  {
+    tesk_test::DB db;
+    sqlite3* raw = nullptr;
+    sqlite3_open(fx.path.c_str(), &raw);
+    db.reset(raw);
+    tesk_test::exec(db.get(),
+                    "INSERT INTO message(ROWID,guid,attributedBody,handle_id,date,is_from_me) "
+                    "VALUES (1,'g1',x'00',1,1,0);");
+    // Drop triggers and indexes first: they name the columns being removed.
+    tesk_test::exec(db.get(),
+                    "CREATE TEMP TABLE t AS SELECT type || ' \"' || name || '\"' AS name FROM "
+                    "sqlite_master WHERE type IN ('trigger','index') AND sql IS NOT NULL;");
+    sqlite3_stmt* st = nullptr;
+    sqlite3_prepare_v2(db.get(), "SELECT name FROM temp.t", -1, &st, nullptr);
+    std::vector<std::string> names;
+    while (sqlite3_step(st) == SQLITE_ROW) {
+      names.emplace_back(reinterpret_cast<const char*>(sqlite3_column_text(st, 0)));
+    }
+    sqlite3_finalize(st);
+    for (const std::string& n : names) tesk_test::exec(db.get(), "DROP " + n);
+    for (const char* column : {"is_read", "item_type", "is_finished", "is_system_message"}) {
+      tesk_test::exec(db.get(), std::string("ALTER TABLE message DROP COLUMN ") + column);
+    }
+  }
+  TeskStore store(fx.path);
+  TeskIMessage::Schema s = TeskIMessage::probe(store);
+  EXPECT_FALSE(s.unreadSupported());
+  EXPECT_FALSE(s.hideAttachment);
+  TeskIMessage::Filter f;
+  f.unreadOnly = true;
+  TeskIMessage::Result r = TeskIMessage::read(store, f, fx.home.path());
+  EXPECT_TRUE(r.rows.empty());
+  EXPECT_FALSE(r.unreadSupported);
+  r = TeskIMessage::read(store, TeskIMessage::Filter{}, fx.home.path());
+  ASSERT_EQ(r.rows.size(), 1u);  // an undecodable blob is a row with an empty body
+  EXPECT_EQ(r.census.undecodable, 1);
+  EXPECT_EQ(r.excludedTapback, 0);
+}
+
+TEST(IMessageSQL, CountDecodesNothingAndTheViewHonoursSelectors) {
+  ChatDB fx;
+  TeskStore store(fx.path);
+  TeskIMessage::Filter f;
+  f.includeGroups = false;
+  TeskSQL sql(store, f);
+  TeskSQL::Table t = sql.run("  with x as (select * from tesk_message) SELECT COUNT(*) FROM x");
+  ASSERT_EQ(t.rows.size(), 1u);
+  EXPECT_EQ(t.rows[0][0], "10");  // no tapbacks, no filtered, no groups
+  EXPECT_EQ(store.decodeCensus().blobs(), 0);
+  t = sql.run("SELECT id, body FROM tesk_message WHERE body LIKE '%dinner%'");
+  ASSERT_EQ(t.rows.size(), 1u);
+  EXPECT_EQ(t.rows[0][0], "im:1");
+  t = sql.run("SELECT id FROM tesk_message WHERE 0");
+  EXPECT_TRUE(t.rows.empty());
+  EXPECT_EQ(t.columns, std::vector<std::string>{"id"});
+  t = sql.run("SELECT x'000102' AS b");
+  EXPECT_EQ(t.rows[0][0], "<blob 3B>");
+}
+
+TEST(IMessageSQL, WritingStatementsAreRefused) {
+  ChatDB fx;
+  TeskStore store(fx.path);
+  TeskSQL sql(store, TeskIMessage::Filter{});
+  for (const char* statement :
+       {"DELETE FROM message", "PRAGMA journal_mode=delete", "INSERT INTO handle(id) VALUES(1)",
+        "WITH x AS (SELECT 1) DELETE FROM message", "ATTACH DATABASE '/tmp/x.db' AS x",
+        "VACUUM INTO '/tmp/tesk-vacuum.db'", "UPDATE message SET text = 'x'"}) {
+    try {
+      sql.run(statement);
+      ADD_FAILURE() << "accepted: " << statement;
+    } catch (const TeskStoreError& e) {
+      EXPECT_EQ(e.description(),
+                "sql: tesk sql accepts SELECT/WITH only — this binary has no write path")
+          << statement;
+    }
+  }
+  EXPECT_EQ(TeskIMessage::rawMessageCount(store), 14);
+}
+
+TEST(IMessageSQL, WhoWithAQuoteStillMakesAValidView) {
+  ChatDB fx;
+  TeskStore store(fx.path);
+  TeskIMessage::Filter f;
+  f.who = "o'brien";
+  TeskSQL sql(store, f);
+  EXPECT_EQ(sql.run("SELECT COUNT(*) FROM tesk_message").rows[0][0], "0");
+}
+
+TEST(IMessageSQL, DocumentedColumnsMatchTheView) {
+  ChatDB fx;
+  TeskStore store(fx.path);
+  TeskSQL sql(store, TeskIMessage::Filter{});
+  TeskSQL::Table t = sql.run("SELECT * FROM tesk_message LIMIT 0");
+  EXPECT_EQ(t.columns, TeskSQL::documentedColumns());
+}
+
+TEST(IMessageRealStore, PlasoChatDBReadsTenMessagesInWholeSeconds) {
+  const std::string path = std::string(TESK_TEST_DATA) + "/chatdb/plaso_imessage_chat.db";
+  TeskStore store(path);
+  TeskIMessage::Filter f = everything();
+  TeskIMessage::Result r = TeskIMessage::read(store, f, "/home/x");
+  ASSERT_EQ(r.rows.size(), 10u);
+  EXPECT_EQ(r.census.decoded(), 10);
+  const TeskRow* eight = row(r, "im:8");
+  ASSERT_NE(eight, nullptr);
+  EXPECT_EQ(eight->body, "Did you try to send me a message?");
+  EXPECT_DOUBLE_EQ(eight->ts, 1448880520);    // 2015-11-30T10:48:40Z
+  for (const char* id : {"im:6", "im:10"}) {  // text says "Open Office"; the blob wins
+    ASSERT_NE(row(r, id), nullptr);
+    EXPECT_NE(row(r, id)->body.find("Microsoft Office"), std::string::npos) << id;
+  }
+}
+
+}  // namespace
