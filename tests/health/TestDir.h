@@ -31,6 +31,12 @@ class TestDir {
     return full.string();
   }
 
+  // Writes `text` to the absolute `path`, creating folders on the way.
+  static void writeFile(const std::string& path, const std::string& text) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream(path, std::ios::binary) << text;
+  }
+
  private:
   std::string path_;
 };

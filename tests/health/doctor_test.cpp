@@ -1,0 +1,563 @@
+#include "health/TeskDoctor.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/time.h>
+
+#include <cmath>
+#include <filesystem>
+
+#include "cli/TeskTime.h"
+#include "health/TestDir.h"
+#include "health/TestStores.h"
+#include "store/TeskStore.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using TeskDoctor::Category;
+using TeskDoctor::Probe;
+using TeskDoctor::Row;
+using TeskDoctor::Verdict;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+const double kNow = *TeskTime::parseISO("2026-08-13T10:00:00Z");
+const double kInf = std::numeric_limits<double>::infinity();
+
+std::string appleNanos(double unixSeconds) {
+  return std::to_string(TeskTime::toAppleNanoseconds(unixSeconds));
+}
+std::string appleSeconds(double unixSeconds) {
+  return std::to_string(unixSeconds - TeskTime::appleEpochOffset);
+}
+std::string webkit(double unixSeconds) {
+  return std::to_string(static_cast<int64_t>((unixSeconds + 11644473600.0) * 1e6));
+}
+
+void setModified(const std::string& path, double unixSeconds) {
+  timeval times[2];
+  for (auto& t : times) {
+    t.tv_sec = static_cast<time_t>(std::floor(unixSeconds));
+    t.tv_usec = static_cast<suseconds_t>((unixSeconds - std::floor(unixSeconds)) * 1e6);
+  }
+  ASSERT_EQ(::utimes(path.c_str(), times), 0) << path;
+}
+
+const Row* find(const std::vector<Row>& rows, std::string_view key) {
+  for (const Row& r : rows) {
+    if (r.key == key) return &r;
+  }
+  return nullptr;
+}
+
+// Paths of a test home, relative to it.
+const std::string kChat = "/Library/Messages/chat.db";
+const std::string kChrome = "/Library/Application Support/Google/Chrome/Default/History";
+const std::string kSafari = "/Library/Safari/History.db";
+const std::string kCalendar =
+    "/Library/Group Containers/group.com.apple.calendar/Calendar.sqlitedb";
+const std::string kReminders =
+    "/Library/Group Containers/group.com.apple.reminders/Container_v1/Stores/";
+const std::string kBooks = "/Library/Application Support/AddressBook";
+
+void makeChat(const std::string& home, const std::vector<double>& dates) {
+  std::string sql = "CREATE TABLE message (ROWID INTEGER PRIMARY KEY, date INTEGER);";
+  for (double d : dates) sql += "INSERT INTO message (date) VALUES (" + appleNanos(d) + ");";
+  teststores::exec(home + kChat, sql);
+}
+
+void makeReminders(const std::string& home, const std::string& file,
+                   const std::vector<double>& modified) {
+  std::string path = home + kReminders + file;
+  teststores::exec(path, teststores::schema("reminders.sql"));
+  for (double d : modified) {
+    teststores::exec(
+        path, "INSERT INTO ZREMCDREMINDER (ZLASTMODIFIEDDATE) VALUES (" + appleSeconds(d) + ")");
+  }
+}
+
+void makeCalendar(const std::string& home, const std::vector<double>& ends, double modified) {
+  std::string path = home + kCalendar;
+  teststores::exec(path, teststores::schema("calendar.sql"));
+  for (double d : ends) {
+    teststores::exec(
+        path, "INSERT INTO CalendarItem (summary, end_date) VALUES ('e', " + appleSeconds(d) + ")");
+  }
+  setModified(path, modified);
+}
+
+void makeMail(const std::string& home, const std::string& version,
+              const std::vector<double>& received) {
+  std::string path = home + "/Library/Mail/" + version + "/MailData/Envelope Index";
+  teststores::exec(path, teststores::schema("mail-index.sql"));
+  for (double d : received) {
+    teststores::exec(path,
+                     "INSERT INTO messages (global_message_id, subject, mailbox, date_received) "
+                     "VALUES (1, 1, 1, " +
+                         std::to_string(static_cast<int64_t>(d)) + ")");
+  }
+}
+
+TEST(TeskDoctor, ClassifyTable) {
+  struct Case {
+    Category category;
+    double age;
+    int64_t count;
+    Verdict want;
+  };
+  const Case cases[] = {
+      {Category::a, 0, 1, Verdict::fresh},      {Category::b, 24, 5, Verdict::fresh},
+      {Category::a, 24.01, 5, Verdict::stale},  {Category::b, 168, 5, Verdict::stale},
+      {Category::a, 168.01, 5, Verdict::stale}, {Category::b, 168.01, 5, Verdict::dead},
+      {Category::a, 200, 5, Verdict::stale},    {Category::b, 200, 5, Verdict::dead},
+      {Category::a, -0.5, 5, Verdict::stale},   {Category::b, -0.5, 5, Verdict::dead},
+      {Category::a, kInf, 5, Verdict::stale},   {Category::b, kInf, 5, Verdict::dead},
+      {Category::a, 1, 0, Verdict::absent},     {Category::b, 1, 0, Verdict::dead},
+      {Category::a, 1, -3, Verdict::fresh},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(TeskDoctor::classify(c.category, c.age, c.count), c.want)
+        << TeskDoctor::rawValue(c.category) << " " << c.age << " " << c.count;
+  }
+}
+
+TEST(TeskDoctor, EpochConversions) {
+  using E = Probe::Epoch;
+  struct Case {
+    E epoch;
+    int64_t stored;
+    double unix;
+  };
+  const Case toUnix[] = {
+      {E::apple, 0, 0},
+      {E::apple, 1000000000000, 1000000000000 + 978307200.0},   // still seconds
+      {E::apple, 1000000000001, 1000.000000001 + 978307200.0},  // nanoseconds
+      {E::apple, 800000000, 800000000 + 978307200.0},
+      {E::apple, 800000000000000000, 800000000 + 978307200.0},
+      {E::apple, -800000000000000000, -800000000 + 978307200.0},
+      {E::webkit, 0, 0},
+      {E::webkit, 13000000000000000, 13000000000 - 11644473600.0},
+      {E::unixSeconds, 1700000000, 1700000000},
+      {E::unixSeconds, 0, 0},
+  };
+  for (const Case& c : toUnix) {
+    EXPECT_NEAR(Probe::toUnix(c.epoch, c.stored), c.unix, 1e-3) << c.stored;
+  }
+  EXPECT_EQ(Probe::fromUnix(E::apple, 978307201), 1000000000);
+  EXPECT_EQ(Probe::fromUnix(E::webkit, 0), 11644473600000000);
+  EXPECT_EQ(Probe::fromUnix(E::unixSeconds, 1700000000.9), 1700000000);
+  EXPECT_EQ(Probe::fromUnix(E::apple, 1e30), std::numeric_limits<int64_t>::max());
+  EXPECT_EQ(Probe::fromUnix(E::webkit, -1e30), std::numeric_limits<int64_t>::min());
+  EXPECT_EQ(Probe::fromUnix(E::unixSeconds, std::nan("")), 0);
+  for (E e : {E::apple, E::webkit, E::unixSeconds}) {
+    EXPECT_NEAR(Probe::toUnix(e, Probe::fromUnix(e, kNow)), kNow, 1e-3);
+  }
+}
+
+TEST(TeskDoctor, ProbeTableAndItsColumnsExistInTheRealSchemas) {
+  TestDir home;
+  auto probes = TeskDoctor::probes(home.path());
+  std::vector<std::string> keys;
+  for (const auto& p : probes) keys.push_back(p.key);
+  EXPECT_THAT(keys,
+              ElementsAre("im", "chrome", "arc", "safari", "notes", "reminder", "cal", "contacts"));
+  makeMail(home.path(), "V10", {});
+  probes = TeskDoctor::probes(home.path());
+  ASSERT_EQ(probes.size(), 9u);
+  EXPECT_EQ(probes.back().key, "mail");
+  EXPECT_EQ(probes.back().category, Category::b);
+  EXPECT_EQ(probes.back().provider, "Google");
+
+  struct Schema {
+    std::string key, file;
+  };
+  const Schema schemas[] = {{"cal", "calendar.sql"},
+                            {"reminder", "reminders.sql"},
+                            {"contacts", "addressbook.sql"},
+                            {"mail", "mail-index.sql"}};
+  for (const Schema& s : schemas) {
+    const Probe* probe = nullptr;
+    for (const auto& p : probes) {
+      if (p.key == s.key) probe = &p;
+    }
+    ASSERT_NE(probe, nullptr);
+    std::string path = home.path() + "/schema-" + s.key + ".sqlite";
+    teststores::exec(path, teststores::schema(s.file));
+    TeskStore store(path);
+    EXPECT_TRUE(store.columnExists(probe->column, probe->table)) << s.key;
+  }
+}
+
+TEST(TeskDoctor, MailIndexPathPicksTheHighestVersionThatExists) {
+  TestDir home;
+  EXPECT_EQ(TeskDoctor::mailIndexPath(home.path()), std::nullopt);
+  makeMail(home.path(), "V9", {});
+  makeMail(home.path(), "V2", {});
+  fs::create_directories(home.path() + "/Library/Mail/V10/MailData");  // no index
+  fs::create_directories(home.path() + "/Library/Mail/V99x/MailData");
+  fs::create_directories(home.path() + "/Library/Mail/V");
+  home.write("Library/Mail/V11", "a file, not a folder");
+  EXPECT_EQ(TeskDoctor::mailIndexPath(home.path()),
+            home.path() + "/Library/Mail/V9/MailData/Envelope Index");
+}
+
+TEST(TeskDoctor, AddressBookPathsListEverySource) {
+  TestDir home;
+  std::string d = home.path() + kBooks;
+  EXPECT_THAT(TeskDoctor::addressBookPaths(home.path()),
+              ElementsAre(d + "/AddressBook-v22.abcddb"));
+  fs::create_directories(d + "/Sources/B");
+  fs::create_directories(d + "/Sources/A");
+  EXPECT_THAT(TeskDoctor::addressBookPaths(home.path()),
+              ElementsAre(d + "/AddressBook-v22.abcddb", d + "/Sources/A/AddressBook-v22.abcddb",
+                          d + "/Sources/B/AddressBook-v22.abcddb"));
+}
+
+TEST(TeskDoctor, ResolvedKeepsExistingCandidates) {
+  TestDir home;
+  std::string a = home.write("a", ""), c = home.write("c", "");
+  Probe p;
+  p.paths = {home.path() + "/missing", a, home.path() + "/b", c};
+  EXPECT_THAT(p.resolved(), ElementsAre(a));
+  p.aggregate = true;
+  EXPECT_THAT(p.resolved(), ElementsAre(a, c));
+}
+
+TEST(TeskDoctor, EmptyHome) {
+  TestDir home;
+  auto rows = TeskDoctor::run(kNow, home.path());
+  ASSERT_EQ(rows.size(), 9u);
+  EXPECT_EQ(rows.back().key, "optel");
+  EXPECT_EQ(rows.back().verdict, Verdict::absent);
+  for (size_t i = 0; i + 1 < rows.size(); ++i) {
+    const Row& r = rows[i];
+    SCOPED_TRACE(r.key);
+    EXPECT_EQ(r.verdict, r.key == "cal" ? Verdict::dead : Verdict::absent);
+    EXPECT_THAT(r.detail, StartsWith("not on this Mac at all — "));
+    EXPECT_EQ(r.openMode, "-");
+    EXPECT_EQ(r.stores, 0);
+    EXPECT_EQ(r.count, 0);
+    EXPECT_TRUE(std::isinf(r.ageHours));
+    EXPECT_FALSE(r.cause.has_value());
+  }
+  EXPECT_EQ(rows[0].detail,
+            "not on this Mac at all — iMessage — 98.1% of bodies are typedstream BLOBs");
+  EXPECT_EQ(find(rows, "mail"), nullptr);
+}
+
+TEST(TeskDoctor, NanosecondStoreExcludesFutureRowsSecondStoreCountsThem) {
+  TestDir home;
+  makeChat(home.path(), {kNow - 7200, kNow - 3600, kNow + 1800, kNow + 7200, kNow + 90000});
+  // Safari keeps seconds in an apple-epoch column: against a nanosecond cutoff every row
+  // counts, the future one included.
+  teststores::exec(home.path() + kSafari,
+                   "CREATE TABLE history_visits (id INTEGER PRIMARY KEY, visit_time REAL);"
+                   "INSERT INTO history_visits (visit_time) VALUES (" +
+                       appleSeconds(kNow - 36000) + "), (" + appleSeconds(kNow - 7200.5) + ");");
+  teststores::exec(home.path() + kChrome,
+                   "CREATE TABLE visits (id INTEGER PRIMARY KEY, visit_time INTEGER);"
+                   "INSERT INTO visits (visit_time) VALUES (" +
+                       webkit(kNow - 30 * 3600) + "), (" + webkit(kNow + 86400) + ");");
+  auto rows = TeskDoctor::run(kNow, home.path());
+
+  const Row* im = find(rows, "im");
+  ASSERT_NE(im, nullptr);
+  EXPECT_EQ(im->count, 3);  // up to an hour ahead still counts
+  EXPECT_EQ(im->future, 2);
+  EXPECT_DOUBLE_EQ(im->newest, kNow + 1800);
+  EXPECT_DOUBLE_EQ(im->ageHours, -0.5);
+  EXPECT_EQ(im->verdict, Verdict::stale);  // a negative age is not fresh
+  EXPECT_EQ(im->detail,
+            "2 row(s) dated in the future, excluded — iMessage — 98.1% of bodies are "
+            "typedstream BLOBs");
+  EXPECT_EQ(im->openMode, "plain");
+  EXPECT_EQ(im->stores, 1);
+
+  const Row* safari = find(rows, "safari");
+  ASSERT_NE(safari, nullptr);
+  EXPECT_EQ(safari->count, 2);
+  EXPECT_EQ(safari->future, 0);
+  EXPECT_NEAR(safari->newest, kNow - 7200.5, 1.0);  // MAX is read as an integer
+  EXPECT_NEAR(safari->ageHours, 2.0, 1e-3 + 1.0 / 3600);
+  EXPECT_EQ(safari->verdict, Verdict::fresh);
+  EXPECT_EQ(safari->detail, "Safari — seconds since 2001, not nanoseconds");
+
+  const Row* chrome = find(rows, "chrome");
+  ASSERT_NE(chrome, nullptr);
+  EXPECT_EQ(chrome->count, 1);
+  EXPECT_EQ(chrome->future, 1);
+  EXPECT_NEAR(chrome->ageHours, 30.0, 1e-6);
+  EXPECT_EQ(chrome->verdict, Verdict::stale);
+}
+
+TEST(TeskDoctor, EmptyStoreIsAbsentWithZeroRows) {
+  TestDir home;
+  makeChat(home.path(), {});
+  auto rows = TeskDoctor::run(kNow, home.path());
+  const Row* im = find(rows, "im");
+  ASSERT_NE(im, nullptr);
+  EXPECT_EQ(im->verdict, Verdict::absent);
+  EXPECT_EQ(im->newest, 0);
+  EXPECT_TRUE(std::isinf(im->ageHours));
+  EXPECT_EQ(im->detail, "0 rows — iMessage — 98.1% of bodies are typedstream BLOBs");
+  EXPECT_EQ(im->stores, 1);
+}
+
+TEST(TeskDoctor, AggregateStoresAreSummedAndModesJoined) {
+  TestDir home;
+  makeReminders(home.path(), "Data-A.sqlite", {kNow - 3600, kNow - 7200});
+  makeReminders(home.path(), "Data-B.sqlite", {kNow - 1800});
+  home.write(kReminders.substr(1) + "Other.sqlite", "not a store");
+  // Keep B in WAL mode with its -wal file present while the doctor reads it.
+  std::string b = home.path() + kReminders + "Data-B.sqlite";
+  teststores::exec(b, "PRAGMA journal_mode=WAL;");
+  sqlite3* raw = nullptr;
+  ASSERT_EQ(sqlite3_open_v2(b.c_str(), &raw, SQLITE_OPEN_READWRITE, nullptr), SQLITE_OK);
+  std::unique_ptr<sqlite3, decltype(&sqlite3_close_v2)> holder(raw, &sqlite3_close_v2);
+  ASSERT_EQ(sqlite3_exec(raw,
+                         ("INSERT INTO ZREMCDREMINDER (ZLASTMODIFIEDDATE) VALUES (" +
+                          appleSeconds(kNow - 60) + ")")
+                             .c_str(),
+                         nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  ASSERT_TRUE(fs::exists(b + "-wal"));
+
+  auto rows = TeskDoctor::run(kNow, home.path());
+  const Row* r = find(rows, "reminder");
+  ASSERT_NE(r, nullptr);
+  EXPECT_EQ(r->count, 4);
+  EXPECT_EQ(r->stores, 2);
+  EXPECT_NEAR(r->newest, kNow - 60, 1e-3);
+  EXPECT_EQ(r->verdict, Verdict::fresh);
+  EXPECT_EQ(r->openMode, "plain+ro");
+  EXPECT_EQ(r->detail,
+            "summed across 2 stores — Apple Reminders — every unfinished item is readable; this "
+            "count includes completed history");
+}
+
+TEST(TeskDoctor, OneBrokenStoreOfTwoIsSkipped) {
+  TestDir home;
+  makeReminders(home.path(), "Data-A.sqlite", {kNow - 3600});
+  teststores::exec(home.path() + kReminders + "Data-B.sqlite", "CREATE TABLE other (x);");
+  auto rows = TeskDoctor::run(kNow, home.path());
+  const Row* r = find(rows, "reminder");
+  ASSERT_NE(r, nullptr);
+  EXPECT_EQ(r->stores, 1);
+  EXPECT_EQ(r->count, 1);
+  EXPECT_EQ(r->verdict, Verdict::fresh);
+  EXPECT_THAT(r->detail, StartsWith("Apple Reminders"));
+}
+
+TEST(TeskDoctor, UnreadableStoresAreDeniedWithTheFirstFailure) {
+  struct Case {
+    std::string name;
+    std::function<void(const std::string&)> make;
+    std::string detailStart;
+  };
+  const Case cases[] = {
+      {"schema moved",
+       [](const std::string& home) { teststores::exec(home + kChat, "CREATE TABLE other (x);"); },
+       "schema moved: sql: no such table: message — iMessage"},
+      {"column moved",
+       [](const std::string& home) {
+         teststores::exec(home + kChat, "CREATE TABLE message (ROWID INTEGER PRIMARY KEY);");
+       },
+       "schema moved: sql: no such column: date — iMessage"},
+      {"not a database",
+       [](const std::string& home) { TestDir::writeFile(home + kChat, std::string(8192, 'z')); },
+       "schema moved: sql: file is not a database — iMessage"},
+      {"a folder where the file should be",
+       [](const std::string& home) { fs::create_directories(home + kChat); }, "cannot read "},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    TestDir home;
+    c.make(home.path());
+    auto rows = TeskDoctor::run(kNow, home.path());
+    const Row* im = find(rows, "im");
+    ASSERT_NE(im, nullptr);
+    EXPECT_EQ(im->verdict, Verdict::denied);
+    EXPECT_THAT(im->detail, StartsWith(c.detailStart));
+    EXPECT_THAT(im->detail,
+                ::testing::EndsWith(" — iMessage — 98.1% of bodies are typedstream BLOBs"));
+    EXPECT_EQ(im->openMode, "-");
+    EXPECT_EQ(im->stores, 0);
+    EXPECT_EQ(im->count, 0);
+    EXPECT_TRUE(std::isinf(im->ageHours));
+  }
+}
+
+TEST(TeskDoctor, ForwardLookingStoreIsJudgedByItsModificationTime) {
+  struct Case {
+    std::string name;
+    double modifiedOffset;
+    Verdict verdict;
+    double ageHours;
+  };
+  const Case cases[] = {
+      {"written an hour ago", -3600, Verdict::fresh, 1.0},
+      {"a minute ahead counts as now", 60, Verdict::fresh, 0.0},
+      {"half a minute ahead", 30, Verdict::fresh, 0.0},
+      {"two minutes ahead is not now", 120, Verdict::dead, -120.0 / 3600},
+      {"three days old", -72 * 3600, Verdict::stale, 72.0},
+      {"200 hours old mirror", -200 * 3600, Verdict::dead, 200.0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    TestDir home;
+    // Every event lies in the future; that is what a calendar holds.
+    makeCalendar(home.path(), {kNow + 86400, kNow + 30 * 86400}, kNow + c.modifiedOffset);
+    auto rows = TeskDoctor::run(kNow, home.path());
+    const Row* cal = find(rows, "cal");
+    ASSERT_NE(cal, nullptr);
+    EXPECT_EQ(cal->verdict, c.verdict);
+    EXPECT_NEAR(cal->ageHours, c.ageHours, 1e-6);
+    EXPECT_NEAR(cal->newest, kNow + c.modifiedOffset, 1e-3);
+    EXPECT_EQ(cal->count, 2);
+    EXPECT_EQ(cal->future, 0);
+  }
+}
+
+TEST(TeskDoctor, CategoryBAgeVersusCategoryA) {
+  TestDir home;
+  makeChat(home.path(), {kNow - 200 * 3600});
+  makeMail(home.path(), "V10", {kNow - 200 * 3600});
+  auto rows = TeskDoctor::run(kNow, home.path());
+  EXPECT_EQ(find(rows, "im")->verdict, Verdict::stale);
+  ASSERT_NE(find(rows, "mail"), nullptr);
+  EXPECT_EQ(find(rows, "mail")->verdict, Verdict::dead);
+  EXPECT_NEAR(find(rows, "mail")->ageHours, 200.0, 1e-6);
+  EXPECT_EQ(rows[8].key, "mail");
+  EXPECT_EQ(rows[9].key, "optel");
+}
+
+void makeGoogleAccount(const std::string& home, int active, int authenticated) {
+  std::string path = home + "/Library/Accounts/Accounts4.sqlite";
+  teststores::exec(path, teststores::schema("accounts.ios-Accounts3.sql"));
+  teststores::exec(
+      path,
+      "INSERT INTO ZACCOUNTTYPE (Z_PK, ZACCOUNTTYPEDESCRIPTION) VALUES (1, 'Google');"
+      "INSERT INTO ZACCOUNT (Z_PK, ZACTIVE, ZAUTHENTICATED, ZACCOUNTTYPE) VALUES (1, " +
+          std::to_string(active) + ", " + std::to_string(authenticated) + ", 1);");
+}
+
+TEST(TeskDoctor, FailingGrantTurnsFreshMirrorsPartial) {
+  TestDir home;
+  makeGoogleAccount(home.path(), 1, 0);
+  makeCalendar(home.path(), {kNow + 86400}, kNow - 600);
+  makeMail(home.path(), "V10", {kNow - 400 * 3600});
+  makeChat(home.path(), {kNow - 60});
+  auto rows = TeskDoctor::run(kNow, home.path());
+  const Row* cal = find(rows, "cal");
+  const Row* mail = find(rows, "mail");
+  ASSERT_NE(cal, nullptr);
+  ASSERT_NE(mail, nullptr);
+  const std::string cause = "Google: the grant is not authenticated";
+  EXPECT_EQ(cal->verdict, Verdict::partial);
+  EXPECT_EQ(cal->cause, cause);
+  EXPECT_EQ(cal->detail, cause +
+                             " — Calendar — the store holds rules, not instances; recurrence must "
+                             "be expanded");
+  EXPECT_EQ(mail->verdict, Verdict::dead);  // too old to be partial: dead stays dead
+  EXPECT_EQ(mail->cause, cause);
+  EXPECT_FALSE(find(rows, "im")->cause.has_value());
+  EXPECT_EQ(find(rows, "im")->verdict, Verdict::fresh);
+
+  auto lines = TeskDoctor::render(rows);
+  auto at = std::find(lines.begin(), lines.end(),
+                      "# CAUSE — read from Accounts4 and the provider's own error table, not "
+                      "inferred:");
+  ASSERT_NE(at, lines.end());
+  ASSERT_NE(at + 1, lines.end());
+  EXPECT_EQ(*(at + 1), "#   " + cause);
+  EXPECT_TRUE(at + 2 == lines.end() || (at + 2)->empty());  // named once for two rows
+  EXPECT_THAT(lines,
+              ::testing::Contains("#   cal: readable, missing whatever the failing provider owns"));
+}
+
+TEST(TeskDoctor, HealthyOrMissingAccountGivesNoCause) {
+  for (int authenticated : {1, -1}) {
+    TestDir home;
+    if (authenticated == 1) makeGoogleAccount(home.path(), 1, 1);
+    makeCalendar(home.path(), {kNow + 86400}, kNow - 600);
+    auto rows = TeskDoctor::run(kNow, home.path());
+    EXPECT_EQ(find(rows, "cal")->verdict, Verdict::fresh);
+    EXPECT_FALSE(find(rows, "cal")->cause.has_value());
+  }
+  TestDir inactive;
+  makeGoogleAccount(inactive.path(), 0, 0);
+  makeCalendar(inactive.path(), {kNow + 86400}, kNow - 600);
+  EXPECT_FALSE(find(TeskDoctor::run(kNow, inactive.path()), "cal")->cause.has_value());
+}
+
+TEST(TeskDoctor, AbsentMirrorStillCarriesItsCause) {
+  TestDir home;
+  makeGoogleAccount(home.path(), 1, 0);
+  auto rows = TeskDoctor::run(kNow, home.path());
+  const Row* cal = find(rows, "cal");
+  EXPECT_EQ(cal->verdict, Verdict::dead);
+  EXPECT_EQ(cal->cause, "Google: the grant is not authenticated");
+  EXPECT_THAT(cal->detail, StartsWith("not on this Mac at all — "));
+}
+
+TEST(TeskDoctor, RenderEveryBlock) {
+  auto row = [](std::string key, Category cat, Verdict v, double newest, double age, int64_t count,
+                int64_t future, std::string open, std::string detail,
+                std::optional<std::string> cause = std::nullopt) {
+    Row r;
+    r.key = std::move(key);
+    r.category = cat;
+    r.verdict = v;
+    r.newest = newest;
+    r.ageHours = age;
+    r.count = count;
+    r.future = future;
+    r.openMode = std::move(open);
+    r.detail = std::move(detail);
+    r.cause = std::move(cause);
+    return r;
+  };
+  const double t = *TeskTime::parseISO("2026-08-01T12:30:45Z");
+  std::vector<Row> rows = {
+      row("im", Category::a, Verdict::fresh, t, 1.04, 10, 2, "ro", "d1"),
+      row("cal", Category::b, Verdict::partial, t, 0.0, 3, 0, "plain+snapshot", "c — d2", "c"),
+      row("mail", Category::b, Verdict::dead, t, 300.25, 4, 0, "plain", "d3", "c"),
+      row("x", Category::b, Verdict::dead, 0, kInf, 5, 0, "plain", "d4", "e"),
+      row("y", Category::b, Verdict::dead, 0, kInf, 0, 0, "-", "d5"),
+      row("z", Category::a, Verdict::denied, 0, kInf, 0, 0, "-", "d6"),
+  };
+  EXPECT_THAT(
+      TeskDoctor::render(rows),
+      ElementsAre(
+          "src\tcat\tverdict\tnewest\tage_h\trows\tfuture\topen\tdetail",
+          "im\tA\tFRESH\t2026-08-01T12:30:45Z\t1.0\t10\t2\tro\td1",
+          "cal\tB\tPARTIAL\t2026-08-01T12:30:45Z\t0.0\t3\t0\tplain+snapshot\tc — d2",
+          "mail\tB\tDEAD\t2026-08-01T12:30:45Z\t300.2\t4\t0\tplain\td3",
+          "x\tB\tDEAD\t-\t-\t5\t0\tplain\td4", "y\tB\tDEAD\t-\t-\t0\t0\t-\td5",
+          "z\tA\tDENIED\t-\t-\t0\t0\t-\td6", "",
+          "# DEAD — a Category B mirror that stopped moving. macOS records no rejection;",
+          "# the disk just quietly stops changing. Re-authenticate in System Settings →",
+          "# Internet Accounts, or ask through the browser plane, which is logged in now.",
+          "#   mail: this Mac's copy stops at 2026-08-01T12:30:45Z",
+          "#   x: this Mac's copy stops at unknown",
+          "#   y: this Mac's copy stops at never — it is not on this Mac", "",
+          "# PARTIAL — the store is current and it is not the whole account. A provider",
+          "# inside it is failing, so what you can read is real and incomplete. Say which",
+          "# half you answered from before quoting a count.",
+          "#   cal: readable, missing whatever the failing provider owns", "",
+          "# CAUSE — read from Accounts4 and the provider's own error table, not inferred:",
+          "#   c", "#   e", "",
+          "# DENIED — the file exists and macOS will not let this process read it.",
+          "# Contacts and Calendar each need their own TCC grant; Full Disk Access is not enough.",
+          "# The reverse also holds: iMessage history needs Full Disk Access and nothing else",
+          "# will do — no AppleEvents path reads message bodies (Messages' scripting",
+          "# dictionary has no message class at all). But contacts do NOT need it: the",
+          "# roster prefers Contacts.framework, one consent sheet. See TeskContacts."));
+  EXPECT_THAT(TeskDoctor::render({rows[0]}),
+              ElementsAre("src\tcat\tverdict\tnewest\tage_h\trows\tfuture\topen\tdetail",
+                          "im\tA\tFRESH\t2026-08-01T12:30:45Z\t1.0\t10\t2\tro\td1"));
+}
+
+}  // namespace
