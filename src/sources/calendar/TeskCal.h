@@ -102,6 +102,10 @@ std::unique_ptr<icu::Calendar> calendar(const std::string& zone, const std::stri
 // periods, not instants.
 Expansion occurrences(const Rule& rule, double start, const std::string& zone, bool allDay,
                       double from, double to, int64_t ceiling, const std::string& localZone = {});
+// The same on a calendar the caller already holds (from calendar(); its time is
+// moved), so a reader of many items in one zone builds the zone once.
+Expansion occurrences(const Rule& rule, double start, icu::Calendar& calendar, bool allDay,
+                      double from, double to, int64_t ceiling);
 
 // ---------------------------------------------------------------------------
 // The producer.

@@ -195,14 +195,15 @@ std::vector<double> Specifier::weekdayDates(double period, UCalendarDateFields u
   }
   const TimeOfDay t = timeOfDayOf(timeOfDay, cal, allDay);
 
-  // The first day of the period containing P, and its length in days.
+  // The first day of the period containing P, its weekday, and its length in days.
   UErrorCode status = U_ZERO_ERROR;
   cal.setTime(period * 1000.0, status);
-  int32_t year = cal.get(UCAL_EXTENDED_YEAR, status);
+  const int32_t year = cal.get(UCAL_EXTENDED_YEAR, status);
   int32_t month0 = cal.get(UCAL_MONTH, status);
   int32_t day = cal.get(UCAL_DATE, status);
+  const int32_t weekdayOfP = cal.get(UCAL_DAY_OF_WEEK, status);
+  int32_t back = 0;  // days from the period's first day to P
   int32_t length = 0;
-  int32_t back = 0;
   switch (unit) {
     case UCAL_DATE:
     case UCAL_DAY_OF_YEAR:
@@ -210,58 +211,39 @@ std::vector<double> Specifier::weekdayDates(double period, UCalendarDateFields u
       break;
     case UCAL_WEEK_OF_YEAR:
     case UCAL_WEEK_OF_MONTH:
-      back = (cal.get(UCAL_DAY_OF_WEEK, status) - cal.getFirstDayOfWeek(status) + 7) % 7;
+      back = (weekdayOfP - cal.getFirstDayOfWeek(status) + 7) % 7;
       length = 7;
       break;
     case UCAL_MONTH:
-      day = 1;
+      back = day - 1;
       length = cal.getActualMaximum(UCAL_DAY_OF_MONTH, status);
       break;
     case UCAL_YEAR:
-      month0 = 0;
-      day = 1;
+      back = cal.get(UCAL_DAY_OF_YEAR, status) - 1;
       length = cal.getActualMaximum(UCAL_DAY_OF_YEAR, status);
       break;
     default:
       return out;
   }
-  if (U_FAILURE(status) || length < 1) return out;
+  if (U_FAILURE(status) || length < 1 || back < 0) return out;
   length = std::min(length, kMaxPeriodDays);
+  const int32_t firstWeekday = ((weekdayOfP - 1 - back) % 7 + 7) % 7 + 1;
+  day -= back;
 
-  // Walk at noon so a midnight DST gap never skips or repeats a day.
-  cal.clear();
-  cal.set(UCAL_EXTENDED_YEAR, year);
-  cal.set(UCAL_MONTH, month0);
-  cal.set(UCAL_DATE, day - back);
-  cal.set(UCAL_HOUR_OF_DAY, 12);
-  const UDate noon = cal.getTime(status);
-  if (U_FAILURE(status)) return out;
-  struct Civil {
-    int32_t year, month0, day;
-  };
-  std::vector<Civil> hits;
+  // Weekdays repeat every seven days, so no day needs the calendar but the hits;
+  // the lenient calendar carries a day number past the month's end into the next.
   for (int32_t k = 0; k < length; ++k) {
-    UErrorCode st = U_ZERO_ERROR;
-    cal.setTime(noon, st);
-    if (k > 0) cal.add(UCAL_DATE, k, st);
-    const int32_t dow = cal.get(UCAL_DAY_OF_WEEK, st);
-    if (U_FAILURE(st)) break;
-    if (dow >= 1 && dow <= 7 && wanted[static_cast<size_t>(dow)]) {
-      hits.push_back(
-          {cal.get(UCAL_EXTENDED_YEAR, st), cal.get(UCAL_MONTH, st), cal.get(UCAL_DATE, st)});
-      if (U_FAILURE(st)) hits.pop_back();
-    }
-  }
-  for (const Civil& c : hits) {
+    const int32_t weekday = (firstWeekday - 1 + k) % 7 + 1;
+    if (!wanted[static_cast<size_t>(weekday)]) continue;
     UErrorCode st = U_ZERO_ERROR;
     cal.clear();
-    cal.set(UCAL_EXTENDED_YEAR, c.year);
-    cal.set(UCAL_MONTH, c.month0);
-    cal.set(UCAL_DATE, c.day);
+    cal.set(UCAL_EXTENDED_YEAR, year);
+    cal.set(UCAL_MONTH, month0);
+    cal.set(UCAL_DATE, day + k);
     cal.set(UCAL_HOUR_OF_DAY, t.hour);
     cal.set(UCAL_MINUTE, t.minute);
     cal.set(UCAL_SECOND, t.second);
-    UDate ms = cal.getTime(st);
+    const UDate ms = cal.getTime(st);
     if (U_FAILURE(st) || !std::isfinite(ms)) continue;
     out.push_back(ms / 1000.0);
   }

@@ -261,6 +261,60 @@ TEST(TeskCalOccurrences, ExpandsRulesAsWallClockTimesInEveryZone) {
   }
 }
 
+// Long-running series: periods before the window are counted, never re-based on it.
+TEST(TeskCalOccurrences, OldSeriesCountPeriodsFromTheirStart) {
+  for (const std::string& zone : kZones) {
+    SCOPED_TRACE(zone);
+    const double from = at(zone, 2026, 3, 1);
+    const double to = at(zone, 2026, 3, 31, 23);
+    // 3990 days before the window: ten periods remain under the ceiling of 4000.
+    TeskCal::Expansion e = TeskCal::occurrences(rule(Frequency::daily), at(zone, 2015, 3, 29, 9, 0),
+                                                zone, false, from, to, 4000, "UTC");
+    EXPECT_EQ(walls(e.instants, zone).size(), 10u);
+    ASSERT_FALSE(e.instants.empty());
+    EXPECT_EQ(wall(e.instants.front(), zone), "2026-03-01 09:00:00");
+    EXPECT_EQ(wall(e.instants.back(), zone), "2026-03-10 09:00:00");
+    EXPECT_TRUE(e.incomplete);
+
+    // Six years of monthly last Fridays before the window still land on last Fridays.
+    e = TeskCal::occurrences(rule(Frequency::monthly, 1, 0, "D=-1FR"), at(zone, 2020, 1, 31, 18, 0),
+                             zone, false, from, to, 4000, "UTC");
+    EXPECT_EQ(walls(e.instants, zone), std::vector<std::string>{"2026-03-27 18:00:00"});
+    EXPECT_FALSE(e.incomplete);
+
+    // Every second week since 2019 on Tuesdays and Thursdays: the parity holds.
+    e = TeskCal::occurrences(rule(Frequency::weekly, 2, 0, "D=0TU,0TH"), at(zone, 2019, 1, 1, 7, 0),
+                             zone, false, from, to, 4000, "UTC");
+    EXPECT_EQ(walls(e.instants, zone),
+              (std::vector<std::string>{"2026-03-03 07:00:00", "2026-03-05 07:00:00",
+                                        "2026-03-17 07:00:00", "2026-03-19 07:00:00",
+                                        "2026-03-31 07:00:00"}));
+
+    // A series that ended (by count or by end date) years ago: nothing, complete.
+    e = TeskCal::occurrences(rule(Frequency::daily, 1, 30), at(zone, 2019, 1, 1, 9, 0), zone, false,
+                             from, to, 4000, "UTC");
+    EXPECT_TRUE(e.instants.empty());
+    EXPECT_FALSE(e.incomplete);
+    Rule ended = rule(Frequency::daily);
+    ended.end = at(zone, 2019, 2, 1);
+    e = TeskCal::occurrences(ended, at(zone, 2019, 1, 1, 9, 0), zone, false, from, to, 4000, "UTC");
+    EXPECT_TRUE(e.instants.empty());
+    EXPECT_FALSE(e.incomplete);
+    // The same series ending inside the window stops there.
+    ended.end = at(zone, 2026, 3, 3, 9, 0);
+    // 2618 periods separate 2019-01-01 from the window: a ceiling of 2600 runs out first.
+    e = TeskCal::occurrences(ended, at(zone, 2019, 1, 1, 9, 0), zone, false, from, to, 2600, "UTC");
+    EXPECT_TRUE(e.instants.empty());
+    EXPECT_TRUE(e.incomplete);
+    e = TeskCal::occurrences(ended, at(zone, 2019, 1, 1, 9, 0), zone, false, from, to, 40000,
+                             "UTC");
+    EXPECT_EQ(walls(e.instants, zone),
+              (std::vector<std::string>{"2026-03-01 09:00:00", "2026-03-02 09:00:00",
+                                        "2026-03-03 09:00:00"}));
+    EXPECT_FALSE(e.incomplete);
+  }
+}
+
 TEST(TeskCalOccurrences, FloatingAndUnknownZonesUseTheLocalZone) {
   Rule r = rule(Frequency::daily, 1, 2);
   for (const std::string& local : kZones) {
