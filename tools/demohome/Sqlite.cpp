@@ -23,7 +23,12 @@ int fixedRandomness(sqlite3_vfs*, int n, char* out) {
 
 void installFixedRandomnessVfs() {
   static bool done = false;
-  if (done) return;
+  // Restart the sequence, and SQLite's generator with it, for every home.
+  g_randomState = 0x7465736B64656D6FULL;
+  if (done) {
+    sqlite3_randomness(0, nullptr);
+    return;
+  }
   sqlite3_initialize();
   sqlite3_vfs* base = sqlite3_vfs_find(nullptr);
   if (base == nullptr) throw std::runtime_error("sqlite: no default VFS");
@@ -34,6 +39,7 @@ void installFixedRandomnessVfs() {
     throw std::runtime_error("sqlite: cannot register VFS");
   }
   done = true;
+  sqlite3_randomness(0, nullptr);
 }
 
 Stmt::Stmt(sqlite3* db, std::string_view sql) : db_(db) {

@@ -2,8 +2,6 @@
 // model family as the iOS Accounts3 schema). The Google account's state follows
 // --link: complete (Mail, Calendars, Contacts on), partial (Mail only), broken
 // (switched on, credential refused, a rejection date), absent (no Google account).
-#include <optional>
-
 #include "Home.h"
 #include "Keyed.h"
 #include "Sqlite.h"
@@ -68,11 +66,16 @@ void writeAccounts(Home& h) {
   std::string state = "absent";
   if (h.opt.link != Link::absent) {
     const bool broken = h.opt.link == Link::broken;
-    const std::optional<double> rejected =
-        broken ? std::optional<double>(now - 12 * 86400.0 + 1800) : std::nullopt;
-    insAcct.run(int64_t{4}, 1, broken ? 0 : 1, 1, int64_t{2}, Null{}, now - 600 * 86400.0, rejected,
-                std::string("Google"), std::string("oauth2"), rng.uuid(),
-                std::string("com.apple.accountsd"), h.cast.googleEmail);
+    const std::string googleId = rng.uuid();
+    if (broken) {
+      insAcct.run(int64_t{4}, 1, 0, 1, int64_t{2}, Null{}, now - 600 * 86400.0,
+                  now - 12 * 86400.0 + 1800, std::string("Google"), std::string("oauth2"), googleId,
+                  std::string("com.apple.accountsd"), h.cast.googleEmail);
+    } else {
+      insAcct.run(int64_t{4}, 1, 1, 1, int64_t{2}, Null{}, now - 600 * 86400.0, Null{},
+                  std::string("Google"), std::string("oauth2"), googleId,
+                  std::string("com.apple.accountsd"), h.cast.googleEmail);
+    }
     const char* children[] = {"Gmail IMAP", "Google CalDAV", "Google CardDAV", "Gmail SMTP"};
     const int64_t childTypes[] = {3, 4, 5, 6};
     for (int i = 0; i < 4; ++i) {

@@ -113,6 +113,7 @@ void writeChatDb(Home& h) {
     return rowid;
   };
   std::vector<ChatRow> chats;
+  std::set<std::string> usedIds;
   auto addChat = [&](int style, const std::string& identifier, const std::string& service,
                      std::vector<int64_t> members) {
     ChatRow c;
@@ -122,6 +123,7 @@ void writeChatDb(Home& h) {
     c.service = service;
     c.members = std::move(members);
     c.guid = service + (style == 43 ? ";+;" : ";-;") + identifier;
+    usedIds.insert(identifier);
     chats.push_back(c);
     return chats.size() - 1;
   };
@@ -150,10 +152,8 @@ void writeChatDb(Home& h) {
     const std::string id =
         byMail ? person.emails[0] : person.phones[(p / people.size()) % person.phones.size()];
     const std::string svc = byMail || rng.chance(0.85) ? "iMessage" : "SMS";
-    const int64_t hr = handleFor(id, svc);
-    if (handleByKey.count(id + "|chat")) continue;
-    handleByKey.emplace(id + "|chat", hr);
-    addChat(45, id, svc, {hr});
+    if (!usedIds.insert(id).second) continue;  // one thread per handle
+    addChat(45, id, svc, {handleFor(id, svc)});
   }
   static const std::vector<std::string> groupNames = {
       "Family",        "Book club 📚",       "Lisbon trip ✈️", "Soccer parents",
@@ -246,7 +246,7 @@ void writeChatDb(Home& h) {
   refreshFree(true);
   for (size_t i : pickUniform(rng, free, atLeast(count(0.0081), 4))) msgs[i].kind = Kind::caption;
   refreshFree(true);
-  for (size_t i : pickUniform(rng, free, atLeast(count(0.0345), 8))) msgs[i].kind = Kind::link;
+  for (size_t i : pickUniform(rng, free, atLeast(count(0.032), 8))) msgs[i].kind = Kind::link;
   refreshFree(true);
   {
     std::vector<size_t> inGroups;

@@ -1,4 +1,5 @@
-#include <filesystem>
+#include <chrono>
+#include <cstdio>
 
 #include "Home.h"
 #include "Sqlite.h"
@@ -17,15 +18,20 @@ void generate(const Options& opt, std::vector<std::string>* summary) {
   Rng castRng = h.rng.child(100);
   h.cast = makeCast(castRng, h.size.contacts);
 
-  writeChatDb(h);
-  writeAddressBooks(h);
-  writeMail(h);
-  writeCalendar(h);
-  writeReminders(h);
-  writeBrowsers(h);
-  writeAccounts(h);
-  writeNotes(h);
-  writeCompanionFiles(h);
+  using Writer = void (*)(Home&);
+  for (Writer w : {writeChatDb, writeAddressBooks, writeMail, writeCalendar, writeReminders,
+                   writeBrowsers, writeAccounts, writeNotes, writeCompanionFiles}) {
+    const auto started = std::chrono::steady_clock::now();
+    const size_t lines = h.summary.size();
+    w(h);
+    const double secs =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    if (h.summary.size() > lines) {
+      char buf[32];
+      std::snprintf(buf, sizeof buf, " [%.1f s]", secs);
+      h.summary.back() += buf;
+    }
+  }
 
   // mtimes last: writing a store touches its files until the very end.
   for (const auto& [path, t] : h.stamps) {

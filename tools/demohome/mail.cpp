@@ -199,7 +199,7 @@ void writeMail(Home& h) {
   // ---- timeline and the special rows ----
   const double spanDays = h.opt.scale == Scale::small ? 180 : 1150;
   std::vector<double> times(static_cast<size_t>(n));
-  for (auto& t : times) t = stopAt - spanDays * 86400.0 * std::pow(rng.uniform(), 0.9);
+  for (auto& t : times) t = stopAt - spanDays * 86400.0 * rng.uniform();
   std::sort(times.begin(), times.end());
   std::set<size_t> sent, spam, twoLabels, twoRecipients, missing, sentinel, legacy;
   auto pickSet = [&](std::set<size_t>& into, size_t k, size_t from, size_t to) {
