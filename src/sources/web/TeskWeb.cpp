@@ -1,7 +1,7 @@
 #include "sources/web/TeskWeb.h"
 
 #include <unicode/brkiter.h>
-#include <unicode/unistr.h>
+#include <unicode/utext.h>
 
 #include <algorithm>
 #include <cmath>
@@ -18,27 +18,25 @@ namespace {
 
 constexpr size_t kBareURLLimit = 60;  // characters kept of a URL without "://"
 
-// The first `limit` user-perceived characters of `s`.
+// The first `limit` user-perceived characters of `s`, as its own bytes (the
+// iterator runs over the UTF-8 text itself, so its offsets are byte offsets).
 std::string prefixCharacters(std::string_view s, size_t limit) {
   if (TeskText::isASCII(s)) return std::string(s.substr(0, limit));
-  icu::UnicodeString u =
-      icu::UnicodeString::fromUTF8(icu::StringPiece(s.data(), static_cast<int32_t>(s.size())));
   UErrorCode status = U_ZERO_ERROR;
+  std::unique_ptr<UText, decltype(&utext_close)> text(
+      utext_openUTF8(nullptr, s.data(), static_cast<int64_t>(s.size()), &status), &utext_close);
   std::unique_ptr<icu::BreakIterator> it(
       icu::BreakIterator::createCharacterInstance(icu::Locale::getRoot(), status));
-  int32_t end = u.length();
-  if (U_SUCCESS(status) && it) {
-    it->setText(u);
-    int32_t pos = it->first();
-    for (size_t n = 0; n < limit && pos != icu::BreakIterator::DONE; ++n) pos = it->next();
-    if (pos != icu::BreakIterator::DONE) end = pos;
-  } else {
-    // No break rules: count code points rather than fail.
-    end = u.moveIndex32(0, static_cast<int32_t>(limit));
+  if (U_FAILURE(status) || !text || !it) return std::string(s.substr(0, limit));
+  it->setText(text.get(), status);
+  if (U_FAILURE(status)) return std::string(s.substr(0, limit));
+  int32_t end = it->first();
+  for (size_t n = 0; n < limit; ++n) {
+    int32_t next = it->next();
+    if (next == icu::BreakIterator::DONE) return std::string(s);
+    end = next;
   }
-  std::string out;
-  u.tempSubString(0, end).toUTF8String(out);
-  return out;
+  return std::string(s.substr(0, static_cast<size_t>(end)));
 }
 
 }  // namespace

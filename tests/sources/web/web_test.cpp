@@ -56,6 +56,8 @@ TEST(WebHost, Table) {
       // 60 user-perceived characters: "é" written as e + U+0301 is one of them.
       {std::string(59, 'a') + "e\xCC\x81zz", std::string(59, 'a') + "e\xCC\x81"},
       {"javascript:void(0)", "javascript:void(0)"},
+      // Broken UTF-8 is kept byte for byte; each bad byte counts as one character.
+      {"x\xFF" + std::string(70, 'a'), "x\xFF" + std::string(58, 'a')},
       {"http://B\xC3\x9C"
        "CHER.de/",
        "b\xC3\xBC"
