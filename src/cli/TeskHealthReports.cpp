@@ -1,9 +1,10 @@
-// The doctor's answer for the command line: its rows rendered, and the stale and
-// denied lists and exit code taken from the verdicts.
+// The health verbs' answers for the command line: the doctor's rows rendered with
+// the stale and denied lists and exit code taken from the verdicts, and the link.
 #include <algorithm>
 
 #include "cli/TeskReports.h"
 #include "health/TeskDoctor.h"
+#include "health/TeskGrant.h"
 
 namespace TeskCLI {
 
@@ -23,6 +24,14 @@ DoctorAnswer doctorReport(const Environment& env) {
   std::sort(a.stale.begin(), a.stale.end());
   a.stale.erase(std::unique(a.stale.begin(), a.stale.end()), a.stale.end());
   a.exit = a.stale.empty() ? success : drift;
+  return a;
+}
+
+LinkAnswer linkReport(const Environment& env) {
+  LinkAnswer a;
+  a.body = TeskGrant::linkReport(env.home, env.clock());
+  TeskGrant::Link link = TeskGrant::link("Google", env.home);
+  a.exit = link.verdict() == TeskGrant::Link::Verdict::complete ? success : drift;
   return a;
 }
 
