@@ -299,12 +299,56 @@ class Resolver {
   std::unordered_set<std::string> classesSeen_;
 };
 
+// libplist 2.2 aborts (an assertion) when it is asked for a dictionary key that
+// holds a NUL character, and hostile archives can carry one. Before handing bytes to
+// it, walk the binary plist's object table and refuse any string object with a NUL
+// in it (ASCII or UTF-16), or any table entry that points outside the object data.
+bool stringsFreeOfNul(Bytes b) {
+  constexpr size_t kHeader = 8, kTrailer = 32;
+  if (b.size() < kHeader + kTrailer) return false;
+  const size_t end = b.size() - kTrailer;
+  const auto be = [&](size_t at, size_t width, uint64_t& out) {
+    if (width == 0 || width > 8 || at > b.size() || b.size() - at < width) return false;
+    out = 0;
+    for (size_t i = 0; i < width; ++i) out = (out << 8) | b[at + i];
+    return true;
+  };
+  const size_t offsetWidth = b[end + 6];
+  uint64_t count = 0, table = 0;
+  if (!be(end + 8, 8, count) || !be(end + 24, 8, table)) return false;
+  if (offsetWidth == 0 || offsetWidth > 8 || table > end || count > end) return false;
+  if ((end - table) / offsetWidth < count) return false;
+  for (uint64_t i = 0; i < count; ++i) {
+    uint64_t at = 0;
+    if (!be(table + i * offsetWidth, offsetWidth, at) || at < kHeader || at >= end) return false;
+    const uint8_t marker = b[at];
+    const uint8_t kind = marker >> 4;
+    if (kind != 0x5 && kind != 0x6) continue;
+    uint64_t length = marker & 0x0F;
+    size_t start = at + 1;
+    if (length == 0x0F) {
+      // The length follows as an integer object: 0x1N, then 2^N big-endian bytes.
+      if (start >= end || (b[start] >> 4) != 0x1 || (b[start] & 0x0F) > 3) return false;
+      const size_t width = size_t{1} << (b[start] & 0x0F);
+      if (!be(start + 1, width, length)) return false;
+      start += 1 + width;
+    }
+    const uint64_t unit = kind == 0x6 ? 2 : 1;
+    if (start > end || length > (end - start) / unit) return false;
+    for (uint64_t k = 0; k < length; ++k) {
+      const size_t pos = start + static_cast<size_t>(k * unit);
+      if (b[pos] == 0 && (unit == 1 || b[pos + 1] == 0)) return false;
+    }
+  }
+  return true;
+}
+
 // Decodes `bytes` and reports the classes met on the way.
 std::optional<Value> decodeWithClasses(Bytes bytes, std::unordered_set<std::string>* classes) {
   if (bytes.empty() || bytes.size() > std::numeric_limits<uint32_t>::max()) return std::nullopt;
   const char* data = reinterpret_cast<const char*>(bytes.data());
   const auto length = static_cast<uint32_t>(bytes.size());
-  if (!plist_is_binary(data, length)) return std::nullopt;
+  if (!plist_is_binary(data, length) || !stringsFreeOfNul(bytes)) return std::nullopt;
   plist_t raw = nullptr;
   plist_from_bin(data, length, &raw);
   PlistPtr root(raw);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <plist/plist.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
@@ -322,6 +323,17 @@ TEST(KeyedArchive, RefusesMalformedGraphs) {
     uint64_t next = a.string("leaf");
     for (int i = 0; i < 200; ++i) next = a.object(cls, {{"NS.objects", Archive::uids({next})}});
     EXPECT_EQ(TeskKeyedArchive::decode(a.bytes(next)), std::nullopt) << "too deep";
+  }
+  {  // A key holding a NUL (found by fuzzing): libplist would abort on reading it.
+    Archive a;
+    const uint64_t cls = a.klass({"NSURL", "NSObject"});
+    auto bytes = a.bytes(a.object(cls, {{"NS.relative", plist_new_string("x")}}));
+    const std::string key = "NS.relative";
+    auto at = std::search(bytes.begin(), bytes.end(), key.begin(), key.end());
+    ASSERT_NE(at, bytes.end());
+    at[2] = '\0';
+    EXPECT_EQ(TeskKeyedArchive::decode(bytes), std::nullopt) << "NUL in a key";
+    EXPECT_EQ(TeskKeyedArchive::errorChain(bytes), std::nullopt) << "NUL in a key";
   }
   const std::vector<std::string> notArchives = {"", "bplist00", "not a plist at all",
                                                 "<?xml version=\"1.0\"?><plist><dict/></plist>"};
