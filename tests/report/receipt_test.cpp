@@ -207,11 +207,4 @@ TEST(TeskReceipt, MapKeysAscendWhateverTheInsertionOrder) {
             std::string::npos);
 }
 
-TEST(TeskReceipt, FixedFormatsLikePrintf) {
-  EXPECT_EQ(TeskReceipt::fixed(5, 1.0), "1.00000");
-  EXPECT_EQ(TeskReceipt::fixed(5, 0.123456), "0.12346");
-  EXPECT_EQ(TeskReceipt::fixed(0, 2.5), "2");
-  EXPECT_EQ(TeskReceipt::fixed(2, -0.004), "-0.00");
-}
-
 }  // namespace
