@@ -293,9 +293,14 @@ Result read(const TeskIMessage::Filter& filter, double now, int64_t bodyBudget,
     const std::string whoCanonical = TeskIdentity::canonical(whoQuery);
     const bool byWho = filter.who && !filter.who->empty();
     try {
-      const std::vector<TeskValue> binds = {
-          int64_t{filter.since ? 1 : 0}, filter.since ? boundSeconds(*filter.since) : int64_t{0},
-          int64_t{filter.until ? 1 : 0}, filter.until ? boundSeconds(*filter.until) : int64_t{0}};
+      // Built one by one: g++ 12 at -O2 misreads a TeskValue initializer list as
+      // touching an uninitialised string.
+      std::vector<TeskValue> binds;
+      binds.reserve(4);
+      binds.emplace_back(int64_t{filter.since ? 1 : 0});
+      binds.emplace_back(filter.since ? boundSeconds(*filter.since) : int64_t{0});
+      binds.emplace_back(int64_t{filter.until ? 1 : 0});
+      binds.emplace_back(filter.until ? boundSeconds(*filter.until) : int64_t{0});
       store.query(kEnvelopeSQL, binds, [&](const TeskRowReader& r) {
         const double received = r.real(1);
         if (received < 1) return;
