@@ -268,10 +268,7 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
   }
 
   // Notes that follow the producers' own.
-  if (acc.calendarRead && !opts.until && acc.calendarWindow && acc.calendarWindow->to > now) {
-    acc.notes.push_back("cal default forward window applied — the window ends " +
-                        TeskTime::isoString(acc.calendarWindow->to) + "; pass --until to bound it");
-  }
+  if (acc.calendarForwardNote) acc.notes.push_back(*acc.calendarForwardNote);
   if (defaultWindow) acc.notes.push_back("default window 30d applied — pass --since to widen");
   if (acc.receipt.openMode == "snapshot") {
     acc.notes.push_back(

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "sources/calendar/TeskCal.h"
+#include "sources/mail/TeskMail.h"
 #include "sources/messages/TeskIMessage.h"
 #include "sources/reminders/TeskReminders.h"
 #include "sources/web/TeskWeb.h"
@@ -71,6 +73,27 @@ void readBrowsers(const ReadContext& ctx, const std::vector<std::string>& reques
   mergeSorted(acc, std::move(r.rows));
 }
 
+void readMail(const ReadContext& ctx, const std::vector<std::string>&, Accumulator& acc) {
+  constexpr int64_t kBodyBudget = 8000;
+  TeskMail::Result r = TeskMail::read(ctx.filter, ctx.now, kBodyBudget, ctx.env.home);
+  acc.denied.insert(acc.denied.end(), r.denied.begin(), r.denied.end());
+  acc.perSource["mail"] = static_cast<int64_t>(r.rows.size());
+  setHorizon(acc, "mail", r.horizon);
+  for (const auto& [box, span] : r.horizons) acc.horizons["mail:" + box] = span;
+  for (std::string& note : TeskMail::notes(r)) acc.notes.push_back(std::move(note));
+  mergeSorted(acc, std::move(r.rows));
+}
+
+void readCalendar(const ReadContext& ctx, const std::vector<std::string>&, Accumulator& acc) {
+  TeskCal::Result r = TeskCal::read(ctx.filter, ctx.now, ctx.env.home, ctx.env.zone);
+  acc.denied.insert(acc.denied.end(), r.denied.begin(), r.denied.end());
+  acc.perSource["cal"] = static_cast<int64_t>(r.rows.size());
+  setHorizon(acc, "cal", TeskSpan{r.window.from, r.window.to});
+  for (std::string& note : TeskCal::notes(r)) acc.notes.push_back(std::move(note));
+  acc.calendarForwardNote = TeskCal::forwardWindowNote(r, ctx.options.until.has_value(), ctx.now);
+  mergeSorted(acc, std::move(r.rows));
+}
+
 void readReminders(const ReadContext& ctx, const std::vector<std::string>&, Accumulator& acc) {
   TeskReminders::Result r = TeskReminders::read(ctx.filter, ctx.env.home);
   acc.denied.insert(acc.denied.end(), r.denied.begin(), r.denied.end());
@@ -85,8 +108,8 @@ void readReminders(const ReadContext& ctx, const std::vector<std::string>&, Accu
 
 const std::vector<SourceReader>& sourceReaders() {
   static const std::vector<SourceReader> readers{
-      {{"im"}, readMessages},
-      {{"chrome", "arc", "safari"}, readBrowsers},
+      {{"im"}, readMessages},        {{"chrome", "arc", "safari"}, readBrowsers},
+      {{"mail"}, readMail},          {{"cal"}, readCalendar},
       {{"reminder"}, readReminders},
   };
   return readers;

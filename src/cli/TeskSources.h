@@ -39,8 +39,8 @@ struct Accumulator {
   std::optional<TeskSpan> horizon;          // the overall horizon
   TeskReceipt receipt;                      // im fills its census, exclusions and open mode
   std::shared_ptr<TeskStore> messageStore;  // kept open for `sql`
-  bool calendarRead = false;
-  std::optional<TeskSpan> calendarWindow;
+  // "cal default forward window applied …", placed among the closing notes.
+  std::optional<std::string> calendarForwardNote;
   // Set when the message store was the only source and could not be opened.
   std::optional<std::string> fatalStoreError;
 

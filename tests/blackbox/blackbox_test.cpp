@@ -1,0 +1,275 @@
+// Whole answers of the built binary: both receipts, the body and the exit code.
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <filesystem>
+#include <fstream>
+
+#include "common/TeskTestHome.h"
+
+extern char** environ;
+
+namespace {
+
+struct Answer {
+  int exit = -1;
+  std::vector<std::string> lines;
+  std::string text;
+};
+
+// Runs build/tesk with `args`, HOME set to `home` (if not empty), TZ=UTC.
+Answer tesk(const std::vector<std::string>& args, const std::string& home = "/nonexistent-home",
+            const std::string& tmpdir = "") {
+  std::string binary = std::string(TESK_BINARY_DIR) + "/tesk";
+  std::vector<std::string> argv{binary};
+  argv.insert(argv.end(), args.begin(), args.end());
+  std::vector<char*> cargv;
+  for (std::string& a : argv) cargv.push_back(a.data());
+  cargv.push_back(nullptr);
+  std::vector<std::string> env{"HOME=" + home, "TZ=UTC", "PATH=/usr/bin:/bin"};
+  env.push_back("TMPDIR=" +
+                (tmpdir.empty() ? std::filesystem::temp_directory_path().string() : tmpdir));
+  std::vector<char*> cenv;
+  for (std::string& e : env) cenv.push_back(e.data());
+  cenv.push_back(nullptr);
+
+  int fds[2];
+  EXPECT_EQ(pipe(fds), 0);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
+  posix_spawn_file_actions_addclose(&actions, fds[0]);
+  pid_t pid = 0;
+  Answer a;
+  if (posix_spawn(&pid, binary.c_str(), &actions, nullptr, cargv.data(), cenv.data()) != 0) {
+    ADD_FAILURE() << "cannot start " << binary;
+    return a;
+  }
+  posix_spawn_file_actions_destroy(&actions);
+  close(fds[1]);
+  std::array<char, 65536> buf;
+  ssize_t n;
+  while ((n = read(fds[0], buf.data(), buf.size())) > 0) a.text.append(buf.data(), n);
+  close(fds[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  a.exit = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  size_t start = 0;
+  while (start < a.text.size()) {
+    size_t end = a.text.find('\n', start);
+    if (end == std::string::npos) end = a.text.size();
+    a.lines.push_back(a.text.substr(start, end - start));
+    start = end + 1;
+  }
+  return a;
+}
+
+// The first and the last line are the same receipt.
+void expectFramed(const Answer& a) {
+  ASSERT_GE(a.lines.size(), 2u) << a.text;
+  EXPECT_EQ(a.lines.front().rfind("#tesk {\"v\":1,", 0), 0u) << a.lines.front();
+  EXPECT_EQ(a.lines.front(), a.lines.back());
+}
+
+bool has(const std::string& haystack, const std::string& needle) {
+  return haystack.find(needle) != std::string::npos;
+}
+
+TEST(BlackBox, UsageHelpAndUnknownVerbs) {
+  Answer none = tesk({});
+  EXPECT_EQ(none.exit, 4);
+  EXPECT_EQ(none.lines.front(),
+            "tesk — read this Mac's tesk. Read-only by construction: no writes, no network.");
+  EXPECT_EQ(tesk({"help"}).exit, 0);
+  EXPECT_EQ(tesk({"-h"}).exit, 0);
+  Answer unknown = tesk({"frobnicate"});
+  EXPECT_EQ(unknown.exit, 4);
+  EXPECT_EQ(unknown.lines.front(), "tesk: unknown verb 'frobnicate'");
+  EXPECT_FALSE(has(unknown.text, "#tesk {"));  // no receipt
+  // Options are parsed first, so the option error wins over the unknown verb.
+  Answer both = tesk({"frobnicate", "--limit", "x"});
+  EXPECT_EQ(both.exit, 4);
+  EXPECT_EQ(both.lines.front(), "#tesk {\"v\":1,\"error\":\"--limit needs a number >= 0\"}");
+}
+
+TEST(BlackBox, OptionErrorsWriteTheErrorLineMessageAndUsage) {
+  Answer a = tesk({"span", "--limit", "x"});
+  EXPECT_EQ(a.exit, 4);
+  ASSERT_GE(a.lines.size(), 4u);
+  EXPECT_EQ(a.lines[0], "#tesk {\"v\":1,\"error\":\"--limit needs a number >= 0\"}");
+  EXPECT_EQ(a.lines[1], "tesk: --limit needs a number >= 0");
+  EXPECT_EQ(a.lines[2], "");
+  EXPECT_EQ(a.lines[3].rfind("tesk — read", 0), 0u);
+  Answer quote = tesk({"span", "--bogus\"flag"});
+  EXPECT_EQ(quote.lines[0], "#tesk {\"v\":1,\"error\":\"unknown flag --bogus\\\"flag\"}");
+}
+
+TEST(BlackBox, ReportVerbsAreFramed) {
+  Answer api = tesk({"api"});
+  EXPECT_EQ(api.exit, 0);
+  expectFramed(api);
+  EXPECT_TRUE(has(api.lines.front(), "\"q\":\"api\",\"rows_total\":1,\"rows_out\":1"));
+  EXPECT_TRUE(has(api.lines.front(), "\"mode\":\"report\""));
+  Answer gotchas = tesk({"gotchas"});
+  EXPECT_EQ(gotchas.exit, 0);
+  expectFramed(gotchas);
+  EXPECT_EQ(gotchas.lines.size(), 62u + 2u);
+  Answer views = tesk({"views"});
+  EXPECT_EQ(views.exit, 0);
+  expectFramed(views);
+  EXPECT_TRUE(has(views.text, "CREATE VIEW tesk_message ("));
+  Answer doors = tesk({"doors"});
+  EXPECT_EQ(doors.exit, 0);
+  expectFramed(doors);
+  EXPECT_EQ(doors.lines[1], "door\tgranted\tallows");
+}
+
+TEST(BlackBox, UnknownSourcesAreDeniedNotFaked) {
+  Answer a = tesk({"span", "--src", "fax"});
+  EXPECT_EQ(a.exit, 4);
+  expectFramed(a);
+  ASSERT_EQ(a.lines.size(), 3u);
+  EXPECT_EQ(a.lines[1], "tesk: no readable source in --src fax");
+  EXPECT_TRUE(has(a.lines[0], "\"denied\":[\"fax: no producer yet — see `tesk doctor`\"]"));
+  Answer commas = tesk({"span", "--src", ",,"});
+  EXPECT_EQ(commas.exit, 4);
+  EXPECT_EQ(commas.lines[1], "tesk: no readable source in --src ");
+}
+
+// A home with a small chat.db (no -wal: opens "plain").
+struct Home {
+  tesk_test::TempHome home;
+  Home() {
+    auto db = tesk_test::createStore(home.file("Library/Messages/chat.db"), "chatdb.sql");
+    tesk_test::exec(db.get(),
+                    "INSERT INTO handle(ROWID,id,service) VALUES (1,'+14155550123','iMessage');"
+                    "INSERT INTO chat(ROWID,guid,style,chat_identifier) VALUES "
+                    "(1,'c1',45,'+14155550123');");
+    tesk_test::Insert m(db.get(),
+                        "INSERT INTO message(ROWID,guid,attributedBody,handle_id,date,is_from_me)"
+                        " VALUES (?,?,?,1,?,?)");
+    const double now = static_cast<double>(time(nullptr));
+    for (int i = 1; i <= 5; ++i) {
+      m.i(i)
+          .t("g" + std::to_string(i))
+          .b(tesk_test::attributedBody("note number " + std::to_string(i)));
+      m.i(static_cast<int64_t>((now - 3600.0 * i - 978307200) * 1e9)).i(i % 2).run();
+    }
+    tesk_test::exec(db.get(),
+                    "INSERT INTO chat_message_join(chat_id,message_id) VALUES "
+                    "(1,1),(1,2),(1,3),(1,4),(1,5);");
+  }
+  std::string path() const { return home.path(); }
+};
+
+TEST(BlackBox, MessagesAnswerWithReceiptsAndExitCodes) {
+  Home h;
+  Answer a = tesk({"im"}, h.path());
+  EXPECT_EQ(a.exit, 0) << a.text;
+  expectFramed(a);
+  EXPECT_TRUE(has(a.lines[0], "\"rows_total\":5,\"rows_out\":5"));
+  EXPECT_TRUE(has(a.lines[0], "\"open\":\"plain\""));
+  EXPECT_TRUE(has(a.lines[0], "default window 30d applied — pass --since to widen"));
+  EXPECT_EQ(a.lines[1], "id\tts\twho\tdir\tkind\tgroup\ttext");
+  EXPECT_TRUE(has(a.lines[2], "im:1\t"));  // newest first
+  EXPECT_TRUE(has(a.lines[2], "\tnote number 1"));
+
+  Answer none = tesk({"search", "nothing-like-this"}, h.path());
+  EXPECT_EQ(none.exit, 2);
+  expectFramed(none);
+
+  Answer drift = tesk({"im", "--assert", "rows>=10"}, h.path());
+  EXPECT_EQ(drift.exit, 3);
+  ASSERT_GE(drift.lines.size(), 2u);
+  EXPECT_EQ(drift.lines.back(), "tesk: assertion failed: rows>=10 (actual: rows=5.0)");
+  EXPECT_EQ(drift.lines.front(), drift.lines[drift.lines.size() - 2]);
+
+  Answer limited = tesk({"im", "--limit", "2"}, h.path());
+  EXPECT_TRUE(has(limited.lines[0], "\"rows_total\":5,\"rows_out\":2,\"capped\":true"));
+  EXPECT_TRUE(has(limited.lines[0], "\"next\":\"--until "));
+}
+
+TEST(BlackBox, SqlVerbAnswersAndRefusesWrites) {
+  Home h;
+  Answer count = tesk({"sql", "SELECT COUNT(*) AS n FROM tesk_message"}, h.path());
+  EXPECT_EQ(count.exit, 0) << count.text;
+  expectFramed(count);
+  ASSERT_EQ(count.lines.size(), 4u);
+  EXPECT_EQ(count.lines[1], "n");
+  EXPECT_EQ(count.lines[2], "5");
+  EXPECT_TRUE(has(count.lines[0], "\"decoded\":{\"n\":0,\"of\":0"));  // a count decodes nothing
+  Answer refused = tesk({"sql", "DELETE FROM message"}, h.path());
+  EXPECT_EQ(refused.exit, 4);
+  expectFramed(refused);
+  EXPECT_EQ(refused.lines[1],
+            "tesk: sql: tesk sql accepts SELECT/WITH only — this binary has no write path");
+  EXPECT_EQ(tesk({"sql"}, h.path()).lines.front(), "tesk: `sql` needs a SELECT statement");
+  EXPECT_EQ(tesk({"thread"}, h.path()).lines.front(), "tesk: `thread` needs --who");
+}
+
+TEST(BlackBox, MissingMessageStore) {
+  tesk_test::TempHome empty;
+  Answer only = tesk({"im"}, empty.path());
+  EXPECT_EQ(only.exit, 5);
+  expectFramed(only);
+  EXPECT_EQ(only.lines[1],
+            "tesk: cannot read " + empty.path() + "/Library/Messages/chat.db: no such file");
+  Answer mixed = tesk({"span", "--src", "im,reminder"}, empty.path());
+  EXPECT_EQ(mixed.exit, 2);
+  expectFramed(mixed);
+  EXPECT_TRUE(has(mixed.lines[0], "\"denied\":[\"im: cannot read "));
+}
+
+TEST(BlackBox, HostileStoresFailCleanlyAndLeaveNoSnapshot) {
+  tesk_test::TempHome home;
+  tesk_test::TempHome tmp;
+  const std::string path = home.file("Library/Messages/chat.db");
+  for (const std::string& bytes :
+       {std::string("this is not a database at all, just text"), std::string(100, '\0'),
+        std::string("SQLite format 3\0\x10\x00\x01\x01", 22)}) {
+    std::ofstream(path, std::ios::binary) << bytes;
+    Answer a = tesk({"im"}, home.path(), tmp.path());
+    EXPECT_EQ(a.exit, 5) << a.text;
+    expectFramed(a);
+    EXPECT_EQ(a.lines[1].rfind("tesk: ", 0), 0u) << a.lines[1];
+    EXPECT_TRUE(std::filesystem::is_empty(tmp.path())) << "snapshot left behind";
+  }
+  auto db = tesk_test::createStore(path + "2", "chatdb.sql");
+  tesk_test::exec(db.get(), "DROP TABLE message");
+  db.reset();
+  std::filesystem::rename(path + "2", path);
+  Answer noTable = tesk({"im"}, home.path(), tmp.path());
+  EXPECT_EQ(noTable.exit, 5);
+  EXPECT_EQ(noTable.lines[1], "tesk: sql: no such table: message");
+}
+
+TEST(BlackBox, WhoMeReadsTheAccountFile) {
+  Home h;
+  std::ofstream(h.home.file(".harbend/account.json"))
+      << R"({"email":"Me@Example.com","token":"t0k"})";
+  Answer a = tesk({"who", "me"}, h.path());
+  EXPECT_EQ(a.exit, 0) << a.text;
+  expectFramed(a);
+  ASSERT_EQ(a.lines.size(), 4u);
+  EXPECT_EQ(a.lines[1], "tesk_id\thandles\tmessages\tin\tout\tfirst\tlast\tname");
+  EXPECT_EQ(a.lines[2], "me\tme@example.com\t0\t0\t0\t\t\t");
+  Answer census = tesk({"who"}, h.path());
+  EXPECT_EQ(census.exit, 0);
+  EXPECT_EQ(census.lines[2].substr(0, 31), "+4155550123\t+14155550123\t5\t2\t3\t");
+}
+
+TEST(BlackBox, HealthVerbsOnAnEmptyHome) {
+  tesk_test::TempHome empty;
+  Answer doctor = tesk({"doctor"}, empty.path());
+  expectFramed(doctor);
+  EXPECT_EQ(doctor.exit, 3);  // the calendar mirror is not on this Mac: DEAD
+  EXPECT_TRUE(has(doctor.lines[0], "\"stale\":["));
+  Answer link = tesk({"link"}, empty.path());
+  expectFramed(link);
+  EXPECT_EQ(link.exit, 3);  // no Google account
+}
+
+}  // namespace
