@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <variant>
 
 class TeskValue {
  public:
@@ -19,26 +18,30 @@ class TeskValue {
   TeskValue(std::nullptr_t) {}
   // Any integer type (bool included) binds as a 64-bit integer.
   template <std::integral T>
-  TeskValue(T v) : v_(static_cast<int64_t>(v)) {}
+  TeskValue(T v) : type_(Type::integer), integer_(static_cast<int64_t>(v)) {}
   // Any floating type binds as a double.
   template <std::floating_point T>
-  TeskValue(T v) : v_(static_cast<double>(v)) {}
+  TeskValue(T v) : type_(Type::real), real_(static_cast<double>(v)) {}
   // Text binds as UTF-8, copied by SQLite at bind time.
-  TeskValue(std::string v) : v_(std::move(v)) {}
-  TeskValue(std::string_view v) : v_(std::string(v)) {}
-  TeskValue(const char* v) : v_(std::string(v)) {}
+  TeskValue(std::string v) : type_(Type::text), text_(std::move(v)) {}
+  TeskValue(std::string_view v) : type_(Type::text), text_(v) {}
+  TeskValue(const char* v) : type_(Type::text), text_(v) {}
 
   static TeskValue null() { return TeskValue(); }
 
-  Type type() const { return static_cast<Type>(v_.index()); }
-  // The payloads; each valid only for its own type (checked by std::get).
-  int64_t integer() const { return std::get<int64_t>(v_); }
-  double real() const { return std::get<double>(v_); }
-  const std::string& text() const { return std::get<std::string>(v_); }
+  Type type() const { return type_; }
+  // The payloads; each meaningful only for its own type (0, 0.0 or "" otherwise).
+  int64_t integer() const { return integer_; }
+  double real() const { return real_; }
+  const std::string& text() const { return text_; }
 
   bool operator==(const TeskValue&) const = default;
 
  private:
-  // Order matches Type.
-  std::variant<int64_t, double, std::string, std::monostate> v_{std::monostate{}};
+  // Plain fields rather than a variant: g++ 12 at -O2 reports false
+  // maybe-uninitialized errors on a variant holding a string in a braced list.
+  Type type_ = Type::null;
+  int64_t integer_ = 0;
+  double real_ = 0;
+  std::string text_;
 };
