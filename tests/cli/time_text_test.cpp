@@ -1,0 +1,122 @@
+// Time expressions, ISO rendering, epochs, text folding, the line sink.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "cli/TeskOut.h"
+#include "cli/TeskRegex.h"
+#include "cli/TeskText.h"
+#include "cli/TeskTime.h"
+
+namespace {
+
+constexpr double kNow = 1790000000;  // 2026-09-21T14:13:20Z
+
+struct WhenCase {
+  const char* text;
+  std::optional<double> expected;
+};
+
+TEST(TeskTime, RelativeAmounts) {
+  const std::vector<WhenCase> cases{{"30d", kNow - 2592000},
+                                    {"+30d", kNow + 2592000},
+                                    {"90min", kNow - 5400},
+                                    {"48h", kNow - 172800},
+                                    {"1.5h", kNow - 5400},
+                                    {"12m", kNow - 31556952},
+                                    {"12mo", kNow - 31556952},
+                                    {"5y", kNow - 157784760},
+                                    {"10s", kNow - 10},
+                                    {"2w", kNow - 1209600},
+                                    {" 2W\t", kNow - 1209600},
+                                    {"5mins", std::nullopt},
+                                    {"", std::nullopt},
+                                    {"   ", std::nullopt},
+                                    {"now", kNow},
+                                    {" NOW ", kNow},
+                                    {"+now", kNow},
+                                    {"d", std::nullopt},
+                                    {"-5d", std::nullopt},
+                                    {"nand", std::nullopt},
+                                    {"5 d", std::nullopt},
+                                    {"+2026-01-01", std::nullopt}};
+  for (const WhenCase& c : cases) {
+    EXPECT_EQ(TeskTime::parseWhen(c.text, kNow, "UTC"), c.expected) << "'" << c.text << "'";
+  }
+}
+
+TEST(TeskTime, DatesAreLocalUnlessZoned) {
+  // 2026-01-01 local midnight: 08:00Z in Los Angeles, 15:00Z the day before in Tokyo.
+  EXPECT_EQ(TeskTime::parseWhen("2026-01-01", kNow, "America/Los_Angeles"), 1767254400);
+  EXPECT_EQ(TeskTime::parseWhen("2026-01-01", kNow, "Asia/Tokyo"), 1767193200);
+  EXPECT_EQ(TeskTime::parseWhen("2026-01-01T00:00:00Z", kNow, "Asia/Tokyo"), 1767225600);
+  EXPECT_EQ(TeskTime::parseWhen("2026-01-01T09:30:00+01:00", kNow, "UTC"), 1767256200);
+  EXPECT_EQ(TeskTime::parseWhen("2026-01", kNow, "America/Los_Angeles"), 1767254400);
+  EXPECT_EQ(TeskTime::parseWhen(" 2026-01-01 10:15 ", kNow, "UTC"), 1767262500);
+  EXPECT_EQ(TeskTime::parseWhen("2026-01-01T10:15:30", kNow, "UTC"), 1767262530);
+  EXPECT_EQ(TeskTime::parseWhen("2026-02-30", kNow, "UTC"), std::nullopt);
+  EXPECT_EQ(TeskTime::parseWhen("2026-13", kNow, "UTC"), std::nullopt);
+  // today: local midnight of the day `now` falls on in that zone.
+  EXPECT_EQ(TeskTime::parseWhen("today", kNow, "UTC"), 1789948800);
+  EXPECT_EQ(TeskTime::parseWhen("today", kNow, "Asia/Tokyo"), 1789916400);
+}
+
+TEST(TeskTime, ISO) {
+  EXPECT_EQ(TeskTime::isoString(0), "1970-01-01T00:00:00Z");
+  EXPECT_EQ(TeskTime::isoString(1767225600.9), "2026-01-01T00:00:00Z");
+  EXPECT_EQ(TeskTime::isoString(-1), "1969-12-31T23:59:59Z");
+  EXPECT_EQ(TeskTime::isoString(951782400), "2000-02-29T00:00:00Z");
+  EXPECT_EQ(TeskTime::parseISO("2026-01-01T09:30:00Z"), 1767259800);
+  EXPECT_EQ(TeskTime::parseISO("2026-01-01T09:30:00.5Z"), std::nullopt);
+  EXPECT_EQ(TeskTime::parseISO("2026-01-01 09:30:00Z"), std::nullopt);
+  EXPECT_EQ(TeskTime::parseISO("2026-01-01T09:30:00"), std::nullopt);
+}
+
+TEST(TeskTime, Epochs) {
+  EXPECT_EQ(TeskTime::fromAppleDate(0), 0);
+  EXPECT_EQ(TeskTime::fromAppleDate(1000000000000), 1000000000000.0 + 978307200);
+  EXPECT_DOUBLE_EQ(TeskTime::fromAppleDate(1000000000001), 1000.000000001 + 978307200);
+  EXPECT_DOUBLE_EQ(TeskTime::fromAppleDate(700000000000000000), 700000000.0 + 978307200);
+  EXPECT_EQ(TeskTime::fromWebKitDate(0), 0);
+  EXPECT_DOUBLE_EQ(TeskTime::fromWebKitDate(13350000000000000), 1705526400);
+  EXPECT_EQ(TeskTime::toAppleNanoseconds(978307201), 1000000000);
+  EXPECT_EQ(TeskTime::toAppleNanoseconds(1e30), INT64_MAX);  // saturates, never UB
+}
+
+TEST(TeskText, FoldedContainment) {
+  EXPECT_TRUE(TeskText::containsFolded("Résumé attached", "RESUME"));
+  EXPECT_TRUE(TeskText::containsFolded("RESUME attached", "résumé"));
+  EXPECT_TRUE(TeskText::containsFolded("Straße", "STRASSE"));
+  EXPECT_TRUE(TeskText::containsFolded("anything", ""));
+  EXPECT_FALSE(TeskText::containsFolded("plain ascii", "ü"));
+  EXPECT_FALSE(TeskText::containsFolded("", "x"));
+  EXPECT_TRUE(TeskText::containsCaseInsensitive("Work Projects", "work"));
+  EXPECT_FALSE(TeskText::containsCaseInsensitive("Cafe", "café"));
+  EXPECT_EQ(TeskText::trim(" \n\t x y \r\n"), "x y");
+  EXPECT_EQ(TeskText::trimBlanks(" x \n"), "x \n");
+  EXPECT_EQ(TeskText::lower("ÉCOLE"), "école");
+  EXPECT_EQ(TeskText::escapeTSV("a\\b\tc\nd\re"), "a\\\\b\\tc\\nd\\re");
+}
+
+TEST(TeskRegex, CaseInsensitiveSearchAnywhere) {
+  auto re = TeskRegex::compile("dinn+er");
+  ASSERT_TRUE(re);
+  EXPECT_TRUE(re->search("Late DINNER?"));
+  EXPECT_FALSE(re->search("diner"));
+  EXPECT_TRUE(TeskRegex::compile("é")->search("CAFÉ"));
+  EXPECT_FALSE(TeskRegex::compile("(unbalanced"));
+}
+
+TEST(TeskOut, BuffersUntilThresholdAndCapturesInOrder) {
+  TeskOut mem(TeskOut::Sink::memory);
+  mem.line("a");
+  mem.flush();
+  mem.line("b");
+  mem.line("c");
+  EXPECT_EQ(mem.captured(), "a\nb\nc\n");
+  mem.flush();
+  mem.flush();  // empty: nothing more
+  EXPECT_EQ(mem.captured(), "a\nb\nc\n");
+}
+
+}  // namespace
