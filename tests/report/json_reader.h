@@ -18,19 +18,18 @@ struct Node {
   std::string numberText;  // the number exactly as written
   std::string s;
   std::vector<Node> items;
-  std::vector<std::pair<std::string, Node>> members;
+  // Object members in written order; two vectors because a pair cannot hold the
+  // still incomplete Node.
+  std::vector<std::string> memberKeys;
+  std::vector<Node> memberValues;
 
   const Node* find(std::string_view key) const {
-    for (const auto& [k, v] : members) {
-      if (k == key) return &v;
+    for (size_t i = 0; i < memberKeys.size(); ++i) {
+      if (memberKeys[i] == key) return &memberValues[i];
     }
     return nullptr;
   }
-  std::vector<std::string> keys() const {
-    std::vector<std::string> out;
-    for (const auto& m : members) out.push_back(m.first);
-    return out;
-  }
+  std::vector<std::string> keys() const { return memberKeys; }
 };
 
 class Reader {
@@ -188,7 +187,8 @@ class Reader {
         if (!literal(":")) return false;
         Node member;
         if (!value(member, depth + 1)) return false;
-        n.members.emplace_back(std::move(key), std::move(member));
+        n.memberKeys.push_back(std::move(key));
+        n.memberValues.push_back(std::move(member));
         space();
         if (literal(",")) continue;
         return literal("}");
