@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
@@ -252,10 +253,18 @@ std::optional<std::string> TeskEmitter::writeSpill(std::span<const TeskRow> rows
   std::error_code ec;
   fs::create_directories(dir, ec);  // a failure shows up as a failed write below
 
-  std::random_device device;
   std::uniform_int_distribution<uint32_t> pick(0, 4294967294u);
+  uint32_t number;
+  try {
+    std::random_device device;
+    number = pick(device);
+  } catch (const std::exception&) {  // no entropy source: a clock-started generator will do
+    std::mt19937 fallback(static_cast<uint32_t>(
+        std::chrono::steady_clock::now().time_since_epoch().count() ^ ::getpid()));
+    number = pick(fallback);
+  }
   char name[32];
-  std::snprintf(name, sizeof name, "%08x.tsv", pick(device));
+  std::snprintf(name, sizeof name, "%08x.tsv", number);
   const std::string path = dir + "/" + name;
   const std::string temp = path + "." + std::to_string(static_cast<long>(::getpid())) + ".part";
 
