@@ -1,6 +1,7 @@
 #include "sources/messages/TeskDecode.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 
 #include "cli/TeskText.h"
@@ -87,11 +88,18 @@ bool isValidUTF8(std::string_view bytes) {
   const size_t n = bytes.size();
   size_t i = 0;
   while (i < n) {
-    // Runs of ASCII are the common case: test eight bytes at a time.
+    // Runs of ASCII are the common case: test eight bytes at a time, and step over
+    // the ASCII bytes in front of the first one with its high bit set.
     while (i + 8 <= n) {
       uint64_t word;
       std::memcpy(&word, s + i, 8);
-      if (word & 0x8080808080808080ULL) break;
+      const uint64_t high = word & 0x8080808080808080ULL;
+      if (high != 0) {
+        if constexpr (std::endian::native == std::endian::little) {
+          i += static_cast<size_t>(std::countr_zero(high)) / 8;
+        }
+        break;
+      }
       i += 8;
     }
     if (i >= n) break;

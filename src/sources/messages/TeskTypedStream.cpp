@@ -52,6 +52,9 @@ class Reader {
     // Each value read costs one unit; no well-formed stream needs more than a few
     // per byte, so zero-width values ('!', empty structs) cannot spin.
     budget_ = 4 * static_cast<int64_t>(blob.size()) + 64;
+    // A Messages body holds a dozen or two of each; start there.
+    strings_.reserve(32);
+    table_.reserve(32);
   }
 
   // Reads the header and the root object's group; true and `root` (an object
