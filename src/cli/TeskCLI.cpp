@@ -250,9 +250,6 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
     out.line("tesk: `sql` needs a SELECT statement");
     return usageError;
   }
-  if (opts.since || opts.until) {
-    acc.receipt.window = TeskSpan{opts.since.value_or(0), opts.until.value_or(now)};
-  }
 
   ReadContext ctx{verb, opts, filter, env, now, keys};
   for (const SourceReader& reader : sourceReaders()) {
@@ -293,6 +290,12 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
   r.perSource = acc.perSource;
   r.horizons = acc.horizons;
   if (acc.horizon) r.horizon = acc.horizon;
+  if (opts.since || opts.until) {
+    // An open end of the window is as far as the stores read actually reach.
+    double from = opts.since ? *opts.since : (acc.horizon ? acc.horizon->from : 0);
+    double to = opts.until ? *opts.until : std::max(now, acc.horizon ? acc.horizon->to : now);
+    r.window = TeskSpan{from, to};
+  }
 
   std::vector<std::string> body;
   if (opts.by) {
