@@ -196,12 +196,22 @@ Result read(const TeskIMessage::Filter& filter, const std::optional<std::set<std
   Result out;
   const Selectors sel(filter);
   std::optional<TeskSpan> overall;
+  const auto byTime = [](const TeskRow& a, const TeskRow& b) { return a.ts < b.ts; };
   for (const Source& source : sources(home)) {
     if (only && !only->contains(source.key)) continue;
+    const auto first = static_cast<std::ptrdiff_t>(out.rows.size());
     readSource(source, sel, out, overall);
+    // Each history is read in time order, so its rows normally arrive sorted and
+    // one stable merge with the earlier sources replaces a full sort (the sort was
+    // a tenth of a 100,000-visit read). A store whose times are not plain numbers
+    // may break that order; its own rows are then sorted first.
+    const auto begin = out.rows.begin();
+    const auto middle = begin + first;
+    if (!std::is_sorted(middle, out.rows.end(), byTime)) {
+      std::stable_sort(middle, out.rows.end(), byTime);
+    }
+    std::inplace_merge(begin, middle, out.rows.end(), byTime);
   }
-  std::stable_sort(out.rows.begin(), out.rows.end(),
-                   [](const TeskRow& a, const TeskRow& b) { return a.ts < b.ts; });
   out.horizon = overall;
   return out;
 }

@@ -320,6 +320,28 @@ TEST_F(WebSynthetic, Selectors) {
   }
 }
 
+// Rows of all sources come out ascending; equal instants keep source order
+// (chrome before arc before safari), and a store whose times are stored as text
+// (so SQLite orders them after every number) still lands in time order.
+TEST(WebRead, SourcesMergedByTimeStably) {
+  TempHome home;
+  const std::string sql =
+      "CREATE TABLE urls(id INTEGER PRIMARY KEY, url LONGVARCHAR, title LONGVARCHAR);"
+      "CREATE TABLE visits(id INTEGER PRIMARY KEY, url INTEGER NOT NULL, visit_time INTEGER);"
+      "INSERT INTO urls VALUES (1, 'https://a.example/', 't');";
+  tesk_test::makeDB(home.file(kChromePath),
+                    sql +
+                        "INSERT INTO visits VALUES (1, 1, 13350000000000000),"
+                        " (2, 1, 13350000002000000), (3, 1, '13350000001000000');");
+  tesk_test::makeDB(home.file(kArcPath), sql +
+                                             "INSERT INTO visits VALUES (1, 1, 13350000000000000),"
+                                             " (2, 1, 13350000001500000);");
+  TeskWeb::Result r = TeskWeb::read({}, std::nullopt, home.path());
+  std::vector<std::string> ids;
+  for (const TeskRow& row : r.rows) ids.push_back(row.id);
+  EXPECT_EQ(ids, (std::vector<std::string>{"chrome:1", "arc:1", "chrome:3", "arc:2", "chrome:2"}));
+}
+
 // A running Chrome holds its history locked; the reader goes through a snapshot of
 // db + -wal + -shm and sees the visits still in the write-ahead log.
 TEST(WebRead, LockedChromeReadThroughSnapshot) {
