@@ -294,6 +294,26 @@ TEST(RemindersRead, NoDeletionFlagReadsEveryUnfinished) {
   EXPECT_DOUBLE_EQ(r.rows[0].ts, kApple);  // 0 is a date (2001), not "absent"
 }
 
+// The Reminders app holds its store open in WAL mode; a locked store is read
+// through a snapshot, including what still sits in the -wal file.
+TEST(RemindersRead, LockedStoreReadThroughSnapshot) {
+  TempHome home;
+  std::string path = makeStore(home, "Data-live.sqlite",
+                               "INSERT INTO ZREMCDREMINDER(Z_PK, ZTITLE, ZLASTMODIFIEDDATE)"
+                               " VALUES (1, 'checkpointed', 10);");
+  tesk_test::DB owner = tesk_test::openDB(path);
+  tesk_test::exec(owner.get(),
+                  "PRAGMA journal_mode=WAL; PRAGMA wal_autocheckpoint=0;"
+                  "INSERT INTO ZREMCDREMINDER(Z_PK, ZTITLE, ZLASTMODIFIEDDATE)"
+                  " VALUES (2, 'only in the log', 20);"
+                  "PRAGMA locking_mode=EXCLUSIVE; BEGIN EXCLUSIVE;");
+  TeskReminders::Result r = TeskReminders::read({}, home.path());
+  EXPECT_TRUE(r.denied.empty()) << (r.denied.empty() ? "" : r.denied[0]);
+  EXPECT_EQ(ids(r), (std::vector<std::string>{"reminder:Data-live.sqlite:1",
+                                              "reminder:Data-live.sqlite:2"}));
+  tesk_test::exec(owner.get(), "COMMIT;");
+}
+
 // Bad stores are named; the good one is still read.
 TEST(RemindersRead, BadStoresDeniedOthersRead) {
   TempHome home;
