@@ -129,6 +129,20 @@ std::optional<std::string> convert(UConverter* conv, std::string_view bytes) {
   return out;
 }
 
+// IANA names use letters, digits and a little punctuation. ICU would read a
+// separator as a path to a converter file and a comma as options; a header
+// must reach neither, so any other name is simply unknown.
+bool plausibleName(std::string_view name) {
+  if (name.size() > 64) return false;
+  for (char c : name) {
+    const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                    c == '-' || c == '_' || c == '.' || c == ':' || c == '+' || c == '(' ||
+                    c == ')';
+    if (!ok) return false;
+  }
+  return true;
+}
+
 std::string_view trimSpaces(std::string_view s) {
   while (!s.empty() && s.front() == ' ') s.remove_prefix(1);
   while (!s.empty() && s.back() == ' ') s.remove_suffix(1);
@@ -178,7 +192,7 @@ std::string repairUTF8(std::string_view bytes) {
 std::optional<std::string> utf8(std::string_view bytes, std::optional<std::string_view> charset) {
   if (charset) {
     const std::string_view name = trimSpaces(*charset);
-    if (!name.empty()) {
+    if (!name.empty() && plausibleName(name)) {
       bool known = false;
       UConverter* conv = converterFor(name, known);
       if (known && conv != nullptr) {

@@ -138,6 +138,10 @@ TEST(MailDecode, MIMETrees) {
        "--m\nContent-Type: text/plain\nContent-Transfer-Encoding: base64\n\n***\n"
        "--m\nContent-Type: text/html\n\n<b>bold</b>\n--m--",
        Tier::html, "bold"},
+      {"the first HTML part is kept",
+       "Content-Type: multipart/mixed; boundary=m\n\n"
+       "--m\nContent-Type: text/html\n\nfirst\n--m\nContent-Type: text/html\n\nsecond\n--m--",
+       Tier::html, "first"},
       {"undecodable part alone",
        "Content-Type: multipart/mixed; boundary=m\n\n"
        "--m\nContent-Type: text/plain; charset=utf-8\n\ncaf\xE9\n--m--",

@@ -145,7 +145,7 @@ class MailHome : public ::testing::Test {
     message(100, kNow - 5 * kDay, 1, 11, "Lunch");
     recipient(100, 10, 0);
     label(100, 3);
-    message(101, kNow - 4 * kDay, 1, 10, "Re: lunch", "", 7);
+    message(101, kNow - 4 * kDay, 1, 10, "lunch", "Re: ", 7);
     recipient(101, 11, 0);
     label(101, 2);  // Sent Mail
     label(101, 3);  // and INBOX: two labels, one row
@@ -292,7 +292,7 @@ TEST_F(MailHome, BodyTiersAreCountedNeverEmpty) {
   message(302, kNow - 2 * kDay, 1, 11, "image");        // no text part
   message(303, kNow - 1 * kDay, 1, 11, "bad charset");  // undecodable
   message(304, kNow - 0.5 * kDay, 99, 11, "nowhere");   // unknown mailbox
-  body("INBOX", 301, std::string("\x00\xFF\x01 no count line here at all, none", 40));
+  body("INBOX", 301, std::string("\x00\xFF\x01 no count line within 32 bytes of the start", 46));
   body("INBOX", 302, emlxFile("xx", "image/png"));
   body("INBOX", 303, emlxFile("caf\xE9", "text/plain; charset=utf-8"));
   const auto r = read();
@@ -316,20 +316,26 @@ TEST_F(MailHome, BodyTiersAreCountedNeverEmpty) {
   EXPECT_EQ(lines[1], "MAIL DECODE BELOW GATE \xE2\x80\x94 treat every mail count as a floor");
 }
 
-TEST_F(MailHome, UnknownMailboxIsSentOnlyThroughLabels) {
+TEST_F(MailHome, SentThroughLabelsOrTheMessagesOwnMailbox) {
   mailbox(2, kSentMail);
+  mailbox(6, "imap://" + kAccount + "/Sent%20Messages");
   address(10, "owner@gmail.com");
   address(12, "bob@example.com");
-  message(400, kNow - kDay, 77, 10, "out");
+  message(400, kNow - kDay, 77, 10, "out");  // mailbox 77 is unknown: the label decides
   recipient(400, 12, 0);
   label(400, 2);
   message(401, kNow - kDay / 2, 77, 12, "in");
+  message(402, kNow - kDay / 4, 6, 10, "draft to nobody");  // no recipient: the sender
   const auto r = read();
-  ASSERT_EQ(r.rows.size(), 2u);
+  ASSERT_EQ(r.rows.size(), 3u);
   EXPECT_EQ(r.rows[0].dir, TeskRow::Direction::outgoing);
   EXPECT_EQ(r.rows[0].who, "bob@example.com");
   EXPECT_EQ(r.rows[1].dir, TeskRow::Direction::incoming);
   EXPECT_EQ(r.rows[1].who, "bob@example.com");
+  EXPECT_EQ(r.rows[2].dir, TeskRow::Direction::outgoing);
+  EXPECT_EQ(r.rows[2].who, "owner@gmail.com");
+  EXPECT_EQ(r.perMailbox.at("(unknown mailbox)"), 2);
+  EXPECT_EQ(r.perMailbox.at("Sent Messages"), 1);
 }
 
 TEST_F(MailHome, WindowHorizonsAndUndatedRows) {

@@ -266,6 +266,8 @@ TEST(MailCharset, Conversions) {
        "caf\xC3\xA9"},
       {"unknown name, valid UTF-8", "caf\xC3\xA9", "x-no-such", "caf\xC3\xA9"},
       {"unknown name, invalid UTF-8", "caf\xE9", "x-no-such", std::nullopt},
+      {"a path is no charset name", "caf\xE9", "/tmp/x.cnv", std::nullopt},
+      {"nor are ICU options", "caf\xE9", "ISO-8859-1,version=1", std::nullopt},
       {"no charset", "plain", std::nullopt, "plain"},
       {"blank charset", "caf\xE9", "  ", std::nullopt},
       {"quoted spaces trimmed", "caf\xE9", " windows-1252 ", "caf\xC3\xA9"},
