@@ -59,6 +59,21 @@ std::optional<size_t> graphemeCut(const std::string& text, int64_t cap) {
   return static_cast<size_t>(boundary);
 }
 
+// Where Mail's trailing property list starts in `rest`, or its size when the
+// bytes do not end in one: the last "<?xml" followed closely by a plist tag.
+size_t trailingPlist(std::string_view rest) {
+  static constexpr std::string_view xml = "<?xml";
+  static constexpr size_t prologReach = 256;
+  const size_t at = rest.rfind(xml);
+  if (at == std::string_view::npos) return rest.size();
+  const std::string_view prolog = rest.substr(at, prologReach);
+  if (prolog.find("<!DOCTYPE plist") == std::string_view::npos &&
+      prolog.find("<plist") == std::string_view::npos) {
+    return rest.size();
+  }
+  return at;
+}
+
 }  // namespace
 
 std::string_view rawValue(Tier tier) {
@@ -132,6 +147,9 @@ Body decode(std::string_view emlx, Census& census) {
   std::string_view span = rest;
   if (static_cast<uint64_t>(count) > rest.size()) {
     ++census.truncatedFiles;
+    // A count longer than the file (tools that edit .emlx files leave these)
+    // would carry Mail's own property list into the body; it never belongs there.
+    span = rest.substr(0, trailingPlist(rest));
   } else {
     span = rest.substr(0, static_cast<size_t>(count));
   }

@@ -85,6 +85,20 @@ TEST(MailDecode, ShortFileDecodesWhatItHolds) {
   EXPECT_EQ(census.truncatedFiles, 1);
 }
 
+TEST(MailDecode, OverlongCountStopsAtThePropertyList) {
+  // Seen in real files edited by tools: the count runs past the message, over
+  // Mail's property list, to the end of the file.
+  const std::string message = "Content-Type: text/plain\n\nonly this";
+  Census census;
+  const Body body = TeskMail::decode("9999\n" + message + kPlist, census);
+  ASSERT_TRUE(body.text);
+  EXPECT_EQ(*body.text, "only this");
+  EXPECT_EQ(census.truncatedFiles, 1);
+  // Without a property list the whole rest is the message.
+  EXPECT_EQ(TeskMail::decode("9999\n" + message + " <?xml but no list", census).text,
+            "only this <?xml but no list");
+}
+
 TEST(MailDecode, SpanKeepsThePropertyListOut) {
   // The property list follows the last body byte directly; only the declared
   // count keeps it out.
