@@ -172,9 +172,10 @@ TEST(KeyedArchive, DecodesTheValueModel) {
       {{"NS.base", plist_new_uid(0)}, {"NS.relative", plist_new_uid(a.string("https://x.test/"))}});
   const uint64_t null = a.object(nullCls, {});
   const uint64_t list = a.object(
-      arrayCls, {{"NS.objects", Archive::uids({a.add(plist_new_uint(static_cast<uint64_t>(-5))),
-                                               a.add(plist_new_real(2.5)), a.add(plist_new_bool(1)),
-                                               date, data, url, null, 0})}});
+      arrayCls, {{"NS.objects",
+                  Archive::uids({a.add(plist_new_uint(static_cast<uint64_t>(-5))),
+                                 a.add(plist_new_real(2.5)), a.add(plist_new_bool(1)), date, data,
+                                 url, null, 0, a.add(plist_new_date(700000000, 250000))})}});
   const uint64_t root =
       a.object(dictCls, {{"NS.keys", Archive::uids({a.string("list"), a.string("name")})},
                          {"NS.objects", Archive::uids({list, a.string("value")})}});
@@ -188,7 +189,7 @@ TEST(KeyedArchive, DecodesTheValueModel) {
   const Value* items = v->entry("list");
   ASSERT_NE(items, nullptr);
   ASSERT_EQ(items->type, Type::array);
-  ASSERT_EQ(items->items.size(), 8u);
+  ASSERT_EQ(items->items.size(), 9u);
   const auto& it = items->items;
   EXPECT_EQ(it[0].type, Type::integer);
   EXPECT_EQ(it[0].integer, -5);
@@ -208,6 +209,8 @@ TEST(KeyedArchive, DecodesTheValueModel) {
   EXPECT_EQ(it[5].field("NS.base")->type, Type::null);
   EXPECT_EQ(it[6].type, Type::null);  // NSNull
   EXPECT_EQ(it[7].type, Type::null);  // $null
+  EXPECT_EQ(it[8].type, Type::date);  // a plist date, seconds since 2001 as well
+  EXPECT_DOUBLE_EQ(it[8].real, 700000000.25);
 }
 
 TEST(KeyedArchive, FollowsErrorChains) {
