@@ -373,6 +373,18 @@ TEST(DemoHomeZones, FloatingItemsAreWallClockTimes) {
     const double stored =
         r.num("SELECT start_date FROM CalendarItem WHERE summary='Morning standup'");
     EXPECT_EQ(static_cast<int64_t>(stored) % 86400, 9 * 3600 + 1800) << zone;  // 09:30 as if UTC
+    // A Monday/Wednesday/Friday series lands on those local weekdays (07:00 local
+    // is the same calendar day at a fixed -8 h or +9 h offset in these zones).
+    const std::string shift = std::string(zone) == "Asia/Tokyo" ? "'+9 hours'" : "'-8 hours'";
+    EXPECT_EQ(r.num("SELECT COUNT(*) FROM OccurrenceCache o JOIN CalendarItem i ON "
+                    "i.ROWID=o.event_id WHERE i.summary='Gym' "
+                    "AND strftime('%w', o.occurrence_date + 978307200, 'unixepoch', " +
+                    shift + ") NOT IN ('1','3','5')"),
+              0)
+        << zone;
+    EXPECT_GT(r.num("SELECT COUNT(*) FROM OccurrenceCache o JOIN CalendarItem i ON "
+                    "i.ROWID=o.event_id WHERE i.summary='Gym'"),
+              10);
     seen[zone] = {stored,
                   r.num("SELECT MIN(occurrence_date) FROM OccurrenceCache o JOIN CalendarItem i "
                         "ON i.ROWID=o.event_id WHERE i.summary='Morning standup'")};

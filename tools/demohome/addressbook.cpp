@@ -74,8 +74,10 @@ class Book {
                   const std::vector<std::string>& phones, const std::vector<std::string>& emails,
                   bool me = false) {
     const int64_t pk = ++records_;
+    // The owner's own card was touched today; the rest over the past year.
     const double modified =
-        static_cast<double>(h_.opt.now - kAppleEpoch) - rng.range(2 * 86400, 400 * 86400);
+        static_cast<double>(h_.opt.now - kAppleEpoch) -
+        (me ? 3 * 3600.0 : static_cast<double>(rng.range(2 * 86400, 400 * 86400)));
     rec_->run(pk, kEntContact, int64_t{1}, me ? std::optional<int64_t>(1) : std::nullopt,
               modified - rng.range(0, 900 * 86400), modified, first, last, org, Null{}, Null{},
               rng.uuid() + ":ABPerson", org && !first && !last ? 1 : 0);
@@ -110,7 +112,7 @@ class Book {
     mail_.reset();
     db_.commit();
     db_.toWal();
-    h_.stamp(rel_, static_cast<double>(h_.opt.now) - 2 * 86400);
+    h_.stamp(rel_, static_cast<double>(h_.opt.now) - 3 * 3600);
   }
 
  private:

@@ -31,6 +31,10 @@ class Clock {
     icu::TimeZone* tz = zone.empty() || zone == "_float"
                             ? icu::TimeZone::createDefault()
                             : icu::TimeZone::createTimeZone(icu::UnicodeString::fromUTF8(zone));
+    if (*tz == icu::TimeZone::getUnknown()) {
+      delete tz;
+      throw std::runtime_error("unknown time zone: " + zone);
+    }
     cal_ = std::make_unique<icu::GregorianCalendar>(tz, err);
     if (U_FAILURE(err)) throw std::runtime_error("ICU calendar for zone " + zone);
   }
@@ -90,11 +94,12 @@ const int kUnit[] = {UCAL_DATE, UCAL_DATE, UCAL_WEEK_OF_YEAR, UCAL_MONTH, UCAL_Y
 
 // The series' instants within [from, to], stepping periods from the first
 // instance as Calendar does (see the reader's recurrence rules).
-std::vector<double> expand(const Item& it, double from, double to) {
+std::vector<double> expand(const Item& it, double from, double to, const std::string& localZone) {
   std::vector<double> out;
   const Rule& r = *it.rule;
   if (r.frequency < 1 || r.frequency > 4) return out;
-  Clock c(it.zone);
+  // Floating series step in the local zone the home is written for.
+  Clock c(it.zone == "_float" ? localZone : it.zone);
   const UCalendarDateFields unit = static_cast<UCalendarDateFields>(kUnit[r.frequency]);
   c.set(it.start);
   const int hh = it.allDay ? 0 : c.get(UCAL_HOUR_OF_DAY), mm = it.allDay ? 0 : c.get(UCAL_MINUTE),
@@ -348,7 +353,7 @@ void writeCalendar(Home& h) {
   // Exceptions and a detached instance on the zoned weekly series.
   {
     Item& s = items[syncIdx];
-    const auto occ = expand(s, now - 20 * 86400, now + 40 * 86400);
+    const auto occ = expand(s, now - 20 * 86400, now + 40 * 86400, h.opt.zone);
     if (occ.size() >= 6) {
       s.exceptions = {occ[1], occ[4]};
       Item moved = s;
@@ -487,7 +492,7 @@ void writeCalendar(Home& h) {
   for (const Item& it : items) {
     std::vector<double> occ;
     if (it.rule) {
-      occ = expand(it, from, to);
+      occ = expand(it, from, to, h.opt.zone);
     } else if (it.start >= from && it.start <= to) {
       occ = {it.start};
     }

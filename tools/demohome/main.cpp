@@ -3,11 +3,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <unicode/timezone.h>
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -82,6 +85,9 @@ Options parse(int argc, char** argv) {
         fail("unknown link state: " + v + " (complete, partial, broken or absent)", 2);
     } else if (a == "--zone") {
       o.zone = value();
+      std::unique_ptr<icu::TimeZone> tz(
+          icu::TimeZone::createTimeZone(icu::UnicodeString::fromUTF8(o.zone)));
+      if (!tz || *tz == icu::TimeZone::getUnknown()) fail("unknown time zone: " + o.zone, 2);
     } else if (a == "-h" || a == "--help") {
       std::fputs(kUsage, stdout);
       std::exit(0);
