@@ -36,11 +36,20 @@ constexpr const char* kUnread =
     "(CASE WHEN m.item_type = 0 AND m.is_read = 0 AND m.is_from_me = 0\n            AND "
     "m.is_finished = 1 AND m.is_system_message = 0\n      THEN 1 ELSE 0 END)";
 constexpr const char* kP7 = "                                 AS unread,\n       ";
-constexpr const char* kP8 =
-    "                               AS attachments\nFROM message m\nLEFT JOIN handle h ON h.ROWID "
-    "= m.handle_id\nLEFT JOIN (SELECT message_id, MIN(chat_id) AS chat_id\n           FROM "
-    "chat_message_join GROUP BY message_id) j\n       ON j.message_id = m.ROWID\nLEFT JOIN chat c "
-    "ON c.ROWID = j.chat_id\n";
+constexpr const char* kP8 = "                               AS attachments\n";
+// The message table and its counterpart joins. One chat per message: the smallest
+// chat id, found per message through the message_id index when the store has one,
+// else by pre-aggregating the join table (an inner join would drop messages in no
+// chat and duplicate those in two).
+constexpr const char* kFrom = "FROM message m\nLEFT JOIN handle h ON h.ROWID = m.handle_id\n";
+constexpr const char* kChatByIndex =
+    "LEFT JOIN chat_message_join j\n       ON j.message_id = m.ROWID\n      AND j.chat_id = "
+    "(SELECT MIN(chat_id) FROM chat_message_join\n                       WHERE message_id = "
+    "m.ROWID)\n";
+constexpr const char* kChatAggregated =
+    "LEFT JOIN (SELECT message_id, MIN(chat_id) AS chat_id\n           FROM chat_message_join "
+    "GROUP BY message_id) j\n       ON j.message_id = m.ROWID\n";
+constexpr const char* kChat = "LEFT JOIN chat c ON c.ROWID = j.chat_id\n";
 constexpr const char* kAtt1 =
     "LEFT JOIN (SELECT maj.message_id AS mid, COUNT(*) AS n\n           FROM "
     "message_attachment_join maj\n           JOIN attachment a ON a.ROWID = maj.attachment_id\n    "
@@ -50,10 +59,7 @@ constexpr const char* kAtt2 = "\n           GROUP BY maj.message_id) att ON att.
 
 constexpr const char* kStatsTail =
     ",\n       SUM(CASE WHEN j.chat_id IS NULL AND c.chat_identifier IS NULL THEN 1 ELSE 0 END),"
-    "\n       SUM(CASE WHEN m.date IS NULL OR m.date = 0 THEN 1 ELSE 0 END)\nFROM message m\n"
-    "LEFT JOIN handle h ON h.ROWID = m.handle_id\nLEFT JOIN (SELECT message_id, MIN(chat_id) AS "
-    "chat_id\n           FROM chat_message_join GROUP BY message_id) j\n       ON j.message_id = "
-    "m.ROWID\nLEFT JOIN chat c ON c.ROWID = j.chat_id\nWHERE ";
+    "\n       SUM(CASE WHEN m.date IS NULL OR m.date = 0 THEN 1 ELSE 0 END)\n";
 constexpr const char* kHiddenCount =
     "SELECT COUNT(*) FROM attachment a WHERE COALESCE(a.hide_attachment, 0) = 1";
 
@@ -97,12 +103,26 @@ class Holes {
   std::vector<TeskValue> binds_;
 };
 
-// Nanoseconds since 2001 for a bound; 0 when there is none (which switches it off).
-int64_t boundNs(const std::optional<double>& t) { return t ? TeskTime::toAppleNanoseconds(*t) : 0; }
-
 double appleToUnix(int64_t v) { return TeskTime::fromAppleDate(v); }
 
 }  // namespace
+
+namespace {
+
+// True when some index of `table` has message_id as its first column.
+bool leadsWithMessageID(TeskStore& store, const std::string& table) {
+  return store
+             .scalarInt("SELECT COUNT(*) FROM pragma_index_list('" + table +
+                        "') l WHERE (SELECT name FROM pragma_index_info(l.name) "
+                        "WHERE seqno = 0) = 'message_id'")
+             .value_or(0) > 0;
+}
+
+}  // namespace
+
+std::string joins(const Schema& schema) {
+  return std::string(kFrom) + (schema.chatJoinIndex ? kChatByIndex : kChatAggregated) + kChat;
+}
 
 std::string defaultPath(const std::string& home) { return home + "/Library/Messages/chat.db"; }
 
@@ -116,6 +136,8 @@ Schema probe(TeskStore& store) {
   s.isFinished = store.columnExists("is_finished", "message");
   s.isSystemMessage = store.columnExists("is_system_message", "message");
   s.attachments = store.tableExists("attachment") && store.tableExists("message_attachment_join");
+  s.chatJoinIndex = leadsWithMessageID(store, "chat_message_join");
+  s.attachmentJoinIndex = s.attachments && leadsWithMessageID(store, "message_attachment_join");
   s.hideAttachment = s.attachments && store.columnExists("hide_attachment", "attachment");
   return s;
 }
@@ -125,21 +147,18 @@ std::pair<std::string, std::vector<TeskValue>> predicates(const Schema& schema,
                                                           bool keepTapbacks) {
   Holes hole(inlineBinds);
   std::vector<std::string> conds;
-  // The flag switches a bound off; NULL dates and whole-second dates pass SQL and
-  // are settled against ts in the producer.
-  auto bound = [&hole](const std::optional<double>& t, const char* op) {
-    const int64_t ns = boundNs(t);
-    std::string c = "(";
-    c += hole(int64_t{ns != 0 ? 1 : 0});
-    c += " = 0 OR m.date IS NULL OR m.date ";
+  // A bound is written only when given, so SQLite can search the date index.
+  // NULL dates and whole-second dates pass SQL and are settled against ts here.
+  auto bound = [&hole](double t, const char* op) {
+    std::string c = "(m.date IS NULL OR m.date ";
     c += op;
     c += " ";
-    c += hole(ns);
+    c += hole(TeskTime::toAppleNanoseconds(t));
     c += " OR m.date < 1000000000000)";
     return c;
   };
-  conds.push_back(bound(filter.since, ">="));
-  conds.push_back(bound(filter.until, "<="));
+  if (filter.since) conds.push_back(bound(*filter.since, ">="));
+  if (filter.until) conds.push_back(bound(*filter.until, "<="));
   if (filter.unreadOnly && schema.unreadSupported()) {
     conds.push_back(
         "(m.item_type = 0 AND m.is_read = 0 AND m.is_from_me = 0\n AND m.is_finished = 1 AND "
@@ -160,11 +179,24 @@ std::pair<std::string, std::vector<TeskValue>> predicates(const Schema& schema,
     if (!sql.empty()) sql += "\n  AND ";
     sql += c;
   }
+  if (sql.empty()) sql = "1";  // callers always write "WHERE " before the conditions
   return {sql, hole.take()};
 }
 
 std::string projection(const Schema& schema) {
-  const std::string att = schema.attachments ? "COALESCE(att.n, 0)" : "0";
+  // With an index on message_attachment_join(message_id) the count is looked up per
+  // projected row, so a statement that never reads it (a COUNT) never pays for it.
+  const bool perRow = schema.attachments && schema.attachmentJoinIndex;
+  std::string att = "0";
+  if (perRow) {
+    att =
+        "(SELECT COUNT(*) FROM message_attachment_join maj JOIN attachment a ON a.ROWID = "
+        "maj.attachment_id WHERE maj.message_id = m.ROWID";
+    if (schema.hideAttachment) att += " AND COALESCE(a.hide_attachment, 0) = 0";
+    att += ")";
+  } else if (schema.attachments) {
+    att = "COALESCE(att.n, 0)";
+  }
   std::string s = kP1;
   s += kWho;
   s += kP2;
@@ -180,7 +212,8 @@ std::string projection(const Schema& schema) {
   s += kP7;
   s += att;
   s += kP8;
-  if (schema.attachments) {
+  s += joins(schema);
+  if (schema.attachments && !perRow) {
     s += kAtt1;
     if (schema.hideAttachment) s += kAttHide;
     s += kAtt2;
@@ -232,7 +265,8 @@ Result stats(TeskStore& store, const Filter& filter) {
   std::string fil = counter(!filter.includeFiltered,
                             schema.isFiltered ? "(COALESCE(c.is_filtered, 0) = 1)" : "(0)");
   auto [where, binds] = predicates(schema, filter, false, true);
-  std::string sql = "SELECT " + tap + ", " + grp + ", " + fil + kStatsTail + where;
+  std::string sql =
+      "SELECT " + tap + ", " + grp + ", " + fil + kStatsTail + joins(schema) + "WHERE " + where;
   store.query(sql, binds, [&](const TeskRowReader& r) {
     result.excludedTapback = r.integer(0);
     result.excludedGroup = r.integer(1);

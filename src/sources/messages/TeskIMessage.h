@@ -33,8 +33,10 @@ struct Schema {
   bool isRead = false;
   bool isFinished = false;
   bool isSystemMessage = false;
-  bool attachments = false;     // attachment and message_attachment_join exist
-  bool hideAttachment = false;  // attachments and attachment.hide_attachment
+  bool attachments = false;          // attachment and message_attachment_join exist
+  bool hideAttachment = false;       // attachments and attachment.hide_attachment
+  bool chatJoinIndex = false;        // an index on chat_message_join leads with message_id
+  bool attachmentJoinIndex = false;  // one on message_attachment_join does
 
   bool unreadSupported() const { return itemType && isRead && isFinished && isSystemMessage; }
 };
@@ -65,6 +67,9 @@ Schema probe(TeskStore& store);
 std::pair<std::string, std::vector<TeskValue>> predicates(const Schema& schema,
                                                           const Filter& filter, bool inlineBinds,
                                                           bool keepTapbacks);
+
+// FROM message with its handle and chat joins (one chat per message, the smallest).
+std::string joins(const Schema& schema);
 
 // The SELECT with its joins; columns 0..14 are row_id, ts, raw_date, is_from_me,
 // amt, who, tesk_id, kind, body, grp, filtered, chat_id, chat_identifier, unread,

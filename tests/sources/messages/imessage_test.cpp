@@ -193,6 +193,31 @@ INSTANTIATE_TEST_SUITE_P(
             1}),
     [](const auto& info) { return std::string(info.param.name); });
 
+TEST(IMessageRead, ChatLookupThroughTheMessageIndexGivesTheSameRows) {
+  ChatDB fx;
+  TeskIMessage::Result before;
+  {
+    TeskStore store(fx.path);
+    before = TeskIMessage::read(store, TeskIMessage::Filter{}, fx.home.path());
+    EXPECT_FALSE(TeskIMessage::probe(store).chatJoinIndex);
+  }
+  {
+    tesk_test::DB db;
+    sqlite3* raw = nullptr;
+    sqlite3_open(fx.path.c_str(), &raw);
+    db.reset(raw);
+    tesk_test::exec(db.get(), "CREATE INDEX cmj_mid ON chat_message_join(message_id)");
+  }
+  TeskStore store(fx.path);
+  EXPECT_TRUE(TeskIMessage::probe(store).chatJoinIndex);
+  TeskIMessage::Result after = TeskIMessage::read(store, TeskIMessage::Filter{}, fx.home.path());
+  EXPECT_EQ(ids(after), ids(before));
+  EXPECT_EQ(row(after, "im:7")->chatID, 1);  // two chats: the smaller one
+  EXPECT_EQ(row(after, "im:6")->chatID, 0);  // no chat
+  EXPECT_EQ(after.orphans, before.orphans);
+  EXPECT_EQ(after.excludedFiltered, before.excludedFiltered);
+}
+
 TEST(IMessageStats, WaterfallCountsEachRowOnceAndDecodesNothing) {
   ChatDB fx;
   TeskStore store(fx.path);
@@ -217,7 +242,13 @@ TEST(IMessagePredicates, InlinedValuesAreLiteralsWithQuotesDoubled) {
   EXPECT_NE(sql.find("m.is_from_me = 0"), std::string::npos);
   EXPECT_NE(sql.find("NOT (m.associated_message_type BETWEEN 2000 AND 3007)"), std::string::npos);
   auto [bound, values] = TeskIMessage::predicates(TeskIMessage::Schema{}, f, false, false);
-  EXPECT_EQ(values.size(), 6u);  // two bound flags, two bounds, direction, who
+  EXPECT_EQ(values.size(), 2u);  // direction and who; no window, so no date bound at all
+  f.since = 978307201;
+  auto [windowed, more] = TeskIMessage::predicates(TeskIMessage::Schema{}, f, false, false);
+  ASSERT_EQ(more.size(), 3u);
+  EXPECT_EQ(more[0].integer(), 1000000000);
+  EXPECT_NE(windowed.find("(m.date IS NULL OR m.date >= ? OR m.date < 1000000000000)"),
+            std::string::npos);
 }
 
 TEST(IMessageSchemaDrift, OldStoreLacksUnreadAndHiddenButStillReads) {
