@@ -182,6 +182,8 @@ std::vector<double> Specifier::dates(double period, icu::Calendar& cal, double t
     for (int64_t m : months) formMonth(m);
   }
   std::sort(out.begin(), out.end());
+  // A day or month listed twice names one date, not two occurrences.
+  out.erase(std::unique(out.begin(), out.end()), out.end());
   return out;
 }
 
