@@ -2,6 +2,8 @@
 
 #include <sqlite3.h>
 
+#include <new>
+
 #include "cli/TeskTime.h"
 #include "sources/messages/TeskIdentity.h"
 
@@ -122,6 +124,19 @@ void teskMatch(sqlite3_context* ctx, int argc, sqlite3_value** argv) {
   sqlite3_result_int64(ctx, match ? 1 : 0);
 }
 
+// SQLite's frames are C: nothing may unwind through them. Out of memory is the
+// one failure a function reports; anything else reads as an absent result.
+template <void (*F)(sqlite3_context*, int, sqlite3_value**)>
+void guarded(sqlite3_context* ctx, int argc, sqlite3_value** argv) {
+  try {
+    F(ctx, argc, argv);
+  } catch (const std::bad_alloc&) {
+    if (ctx != nullptr) sqlite3_result_error_nomem(ctx);
+  } catch (...) {
+    if (ctx != nullptr) sqlite3_result_null(ctx);
+  }
+}
+
 }  // namespace
 
 void TeskFunctions::install(sqlite3* db, TeskFunctions& functions) {
@@ -131,14 +146,14 @@ void TeskFunctions::install(sqlite3* db, TeskFunctions& functions) {
     void (*call)(sqlite3_context*, int, sqlite3_value**);
   };
   static constexpr Entry entries[] = {
-      {"tesk_body", 3, teskBody},
-      {"tesk_kind", 6, teskKind},
+      {"tesk_body", 3, guarded<teskBody>},
+      {"tesk_kind", 6, guarded<teskKind>},
       {"tesk_is_tapback", 1, teskIsTapback},
-      {"tesk_who", 3, teskWho},
-      {"tesk_canonical", 1, teskCanonical},
+      {"tesk_who", 3, guarded<teskWho>},
+      {"tesk_canonical", 1, guarded<teskCanonical>},
       {"tesk_ts", 1, teskTs},
-      {"tesk_iso", 1, teskIso},
-      {"tesk_match", 2, teskMatch},
+      {"tesk_iso", 1, guarded<teskIso>},
+      {"tesk_match", 2, guarded<teskMatch>},
   };
   for (const Entry& e : entries) {
     // A failed registration surfaces later as "no such function" in the statement.

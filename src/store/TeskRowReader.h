@@ -45,8 +45,9 @@ class TeskRowReader {
   sqlite3_stmt* stmt_;
 };
 
-// A non-owning reference to the row callback of a query: no allocation per call,
-// and the callable (usually a lambda at the call site) outlives the query.
+// A non-owning reference to the row callback of a query: no allocation per call.
+// It only refers to the callable, so pass the lambda straight to `query`; never
+// keep a TeskRowCallback made from a temporary past that statement.
 class TeskRowCallback {
  public:
   template <class F>

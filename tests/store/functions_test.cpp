@@ -313,12 +313,6 @@ TEST_F(FunctionsTest, FunctionsAreDeterministic) {
        "CREATE INDEX d_who ON d(tesk_canonical(x));");
 }
 
-TEST_F(FunctionsTest, WrongArityIsAnSqlErrorNotACrash) {
-  sqlite3_stmt* raw = nullptr;
-  EXPECT_NE(sqlite3_prepare_v2(db_.get(), "SELECT tesk_body(1)", -1, &raw, nullptr), SQLITE_OK);
-  sqlite3_finalize(raw);
-}
-
 TEST(FunctionsStore, EachStoreCountsItsOwnDecodes) {
   store_test::ScratchDir dir;
   std::string path = dir.file("chat.db");

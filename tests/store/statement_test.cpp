@@ -295,16 +295,4 @@ TEST_F(StatementTest, ClosedStoreThrowsClosedAndProbesAnswerFalse) {
   EXPECT_EQ(moved.scalarInt("SELECT COUNT(*) FROM message"), 3);
 }
 
-TEST(TeskStoreError, DescriptionsAreExact) {
-  EXPECT_EQ(TeskStoreError::denied("/p/chat.db", "no such file").description(),
-            "cannot read /p/chat.db: no such file");
-  EXPECT_EQ(TeskStoreError::staleWAL("/p/x", "why").description(),
-            "would read stale data from /p/x: why");
-  auto sql = TeskStoreError::sql("closed");
-  EXPECT_EQ(sql.description(), "sql: closed");
-  EXPECT_EQ(sql.message(), "closed");
-  EXPECT_EQ(sql.kind(), TeskStoreError::Kind::sql);
-  EXPECT_STREQ(sql.what(), "sql: closed");
-}
-
 }  // namespace
