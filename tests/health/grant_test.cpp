@@ -96,13 +96,6 @@ void makeCalendarErrors(const std::string& home, const std::string& name,
   }
 }
 
-TEST(TeskGrant, MirrorNames) {
-  EXPECT_EQ(TeskGrant::dataclass(Mirror::mail), "com.apple.Dataclass.Mail");
-  EXPECT_EQ(TeskGrant::dataclass(Mirror::calendars), "com.apple.Dataclass.Calendars");
-  EXPECT_EQ(TeskGrant::dataclass(Mirror::contacts), "com.apple.Dataclass.Contacts");
-  EXPECT_EQ(TeskGrant::gives(Mirror::calendars), "puts your google calendar on this mac");
-}
-
 TEST(TeskGrant, LinkVerdictTable) {
   struct Case {
     std::string name;

@@ -32,46 +32,6 @@ std::vector<std::string> linesStarting(const std::vector<std::string>& lines,
   return out;
 }
 
-TEST(TeskPermission, RawValuesRoundTripAndAreUnique) {
-  std::set<std::string_view> seen;
-  for (Door d : TeskPermission::allDoors) {
-    EXPECT_EQ(TeskPermission::doorFromRaw(TeskPermission::rawValue(d)), d);
-    EXPECT_TRUE(seen.insert(TeskPermission::rawValue(d)).second);
-  }
-  EXPECT_EQ(TeskPermission::doorFromRaw("Full-Disk-Access"), std::nullopt);
-  EXPECT_EQ(TeskPermission::doorFromRaw(""), std::nullopt);
-  EXPECT_EQ(TeskPermission::rawValue(Capability::findPerson), "find-a-person");
-  EXPECT_EQ(TeskPermission::rawValue(Capability::seeScreen), "see-the-screen");
-}
-
-TEST(TeskPermission, DoorFlags) {
-  struct Case {
-    Door door;
-    bool sheet, setup, restarts;
-    std::optional<std::string_view> askedBy;
-  };
-  const Case cases[] = {
-      {Door::automationMessages, true, false, false, "send it"},
-      {Door::automationMail, true, false, false, "send it"},
-      {Door::calendarWrite, true, false, false, "add it"},
-      {Door::microphone, true, false, false, "the live glyph"},
-      {Door::accessibility, false, true, false, std::nullopt},
-      {Door::screenRecording, false, true, false, std::nullopt},
-      {Door::fullDisk, false, true, true, std::nullopt},
-      {Door::none, false, false, false, std::nullopt},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(TeskPermission::rawValue(c.door));
-    EXPECT_EQ(TeskPermission::asksWithASheet(c.door), c.sheet);
-    EXPECT_EQ(TeskPermission::askedAtSetup(c.door), c.setup);
-    EXPECT_EQ(TeskPermission::restartsTheApp(c.door), c.restarts);
-    EXPECT_EQ(TeskPermission::askedBy(c.door), c.askedBy);
-    EXPECT_EQ(TeskPermission::settingsAnchor(c.door).has_value(), c.door != Door::none);
-  }
-  EXPECT_EQ(TeskPermission::settingsAnchor(Door::automationMail),
-            TeskPermission::settingsAnchor(Door::automationMessages));
-}
-
 TEST(TeskPermission, CanonicalOrderIsStableOverAnyInput) {
   std::vector<Door> reversed(TeskPermission::allDoors.rbegin(), TeskPermission::allDoors.rend());
   EXPECT_THAT(TeskPermission::order(reversed),
