@@ -64,6 +64,14 @@ struct Item {
   double origDate = 0;  // unix seconds; 0 stores 0
 };
 
+// An item titled `summary` at the ISO instant `start`, in UTC, on calendar 1.
+inline Item event(std::optional<std::string> summary, const char* start) {
+  Item it;
+  it.summary = std::move(summary);
+  it.start = iso(start);
+  return it;
+}
+
 struct Recurrence {
   int64_t frequency = 2;
   int64_t interval = 1;
