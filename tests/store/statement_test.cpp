@@ -132,6 +132,11 @@ TEST_F(StatementTest, DisplayRendersAnyColumnForPrinting) {
   });
 }
 
+TEST_F(StatementTest, OnlyTheFirstStatementOfATextRuns) {
+  EXPECT_EQ(dump("SELECT COUNT(*) FROM message; DELETE FROM message"), "3");
+  EXPECT_EQ(dump("SELECT COUNT(*) FROM message"), "3");
+}
+
 TEST_F(StatementTest, NoMatchCallsNothingAndDoesNotThrow) {
   int calls = 0;
   EXPECT_NO_THROW(store_->query("SELECT * FROM message WHERE ROWID > ?", {100},

@@ -100,6 +100,9 @@ TEST_F(StoreOpenTest, LockedStoreIsReadThroughSnapshotIncludingWal) {
   // The browser's way: an exclusive lock held for as long as it runs.
   exec(writer.get(), "PRAGMA locking_mode=EXCLUSIVE; INSERT INTO t VALUES (3);");
   ASSERT_GT(fs::file_size(path + "-wal"), 0u);
+  const auto walSize = fs::file_size(path + "-wal");
+  const auto dbSize = fs::file_size(path);
+  const auto dbTime = fs::last_write_time(path);
 
   std::string snapshotDir;
   {
@@ -119,6 +122,11 @@ TEST_F(StoreOpenTest, LockedStoreIsReadThroughSnapshotIncludingWal) {
   }
   EXPECT_FALSE(fs::exists(snapshotDir));
   EXPECT_EQ(leftoverSnapshots(tmp_.path()), 0);
+  // Reading the copy (which checkpoints when it closes) left the owner's files alone.
+  EXPECT_EQ(fs::file_size(path + "-wal"), walSize);
+  EXPECT_EQ(fs::file_size(path), dbSize);
+  EXPECT_EQ(fs::last_write_time(path), dbTime);
+  exec(writer.get(), "INSERT INTO t VALUES (4);");  // and the owner still holds its lock
 }
 
 TEST_F(StoreOpenTest, SnapshotDirectoryFollowsTheStoreThroughMoves) {
