@@ -174,6 +174,11 @@ TEST(TeskCalOccurrences, HostileRulesEndWithoutGuessing) {
   EXPECT_EQ(e.instants, std::vector<double>{0});
   e = TeskCal::occurrences(rule(daily), NAN, "UTC", false, 0, 1e9, 4000, "UTC");
   EXPECT_TRUE(e.incomplete);
+  // Starts no calendar can represent: the window decides, nothing loops or crashes.
+  for (double start : {1e300, -1e300}) {
+    e = TeskCal::occurrences(rule(weekly, 1, 0, "D=0MO"), start, "UTC", false, 0, 1e9, 4000, "UTC");
+    EXPECT_TRUE(e.instants.empty());
+  }
   e = TeskCal::occurrences(rule(daily), 0, "UTC", false, 0, 1e9, 0, "UTC");
   EXPECT_TRUE(e.incomplete && e.instants.empty());
 }
