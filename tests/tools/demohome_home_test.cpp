@@ -401,14 +401,15 @@ std::set<std::string> enabledClasses(const Reader& r) {
                                 "JOIN ZACCOUNT a ON a.Z_PK = j.Z_2ENABLEDACCOUNTS JOIN "
                                 "ZACCOUNTTYPE t ON t.Z_PK = a.ZACCOUNTTYPE "
                                 "WHERE t.ZACCOUNTTYPEDESCRIPTION = 'Google'")) {
-    plist_t root = nullptr;
-    plist_from_bin(row[0].data(), static_cast<uint32_t>(row[0].size()), &root);
-    plist_t s = plist_array_get_item(plist_dict_get_item(root, "$objects"), 1);
+    plist_t raw = nullptr;
+    plist_from_bin(row[0].data(), static_cast<uint32_t>(row[0].size()), &raw);
+    std::unique_ptr<void, decltype(&plist_free)> root(raw, &plist_free);
+    if (!root) continue;
+    plist_t s = plist_array_get_item(plist_dict_get_item(root.get(), "$objects"), 1);
     char* text = nullptr;
     plist_get_string_val(s, &text);
+    std::unique_ptr<char, decltype(&free)> guard(text, &free);
     if (text) out.insert(text);
-    free(text);
-    plist_free(root);
   }
   return out;
 }
