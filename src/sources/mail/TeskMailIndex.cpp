@@ -460,8 +460,12 @@ Result read(const TeskIMessage::Filter& filter, double now, int64_t bodyBudget,
       row.unread = false;
       result.rows.push_back(std::move(row));
     }
-    std::stable_sort(result.rows.begin(), result.rows.end(),
-                     [](const TeskRow& a, const TeskRow& b) { return a.ts < b.ts; });
+    // The envelope query already returns ascending dates; sorting would only
+    // allocate a second copy of every row.
+    const auto byTime = [](const TeskRow& a, const TeskRow& b) { return a.ts < b.ts; };
+    if (!std::is_sorted(result.rows.begin(), result.rows.end(), byTime)) {
+      std::stable_sort(result.rows.begin(), result.rows.end(), byTime);
+    }
   } catch (const std::exception& e) {
     // Nothing but a store error is expected here; whatever else reaches this
     // point is still a denial, never a crash of the whole run.
