@@ -1,9 +1,12 @@
 // Finding a message's body file from its ROWID and mailbox without searching,
 // and reading it whole.
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -15,8 +18,19 @@
 namespace TeskMail {
 namespace {
 
-struct FileClose {
-  void operator()(std::FILE* f) const { std::fclose(f); }
+// Owns a file descriptor.
+class Descriptor {
+ public:
+  explicit Descriptor(int fd) : fd_(fd) {}
+  ~Descriptor() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
 };
 
 bool isDirectory(const std::string& path) {
@@ -29,18 +43,26 @@ bool exists(const std::string& path) {
   return ::stat(path.c_str(), &st) == 0;
 }
 
-// The whole file into `buffer`; false when it cannot be opened or read.
+// The whole file into `buffer`; false when it cannot be opened or read, or is
+// not a regular file (a FIFO named like a body must not stall the read).
 bool readWhole(const std::string& path, std::string& buffer) {
   buffer.clear();
-  std::unique_ptr<std::FILE, FileClose> file(std::fopen(path.c_str(), "rb"));
-  if (!file) return false;
+  Descriptor fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  if (fd.get() < 0) return false;
+  struct stat st;
+  if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+  // The size only sizes the first allocation; the read itself decides the length.
+  buffer.reserve(static_cast<size_t>(std::clamp<off_t>(st.st_size, 0, off_t{64} << 20)));
   char chunk[64 * 1024];
   for (;;) {
-    const size_t got = std::fread(chunk, 1, sizeof chunk, file.get());
-    buffer.append(chunk, got);
-    if (got < sizeof chunk) break;
+    const ssize_t got = ::read(fd.get(), chunk, sizeof chunk);
+    if (got < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    if (got == 0) return true;
+    buffer.append(chunk, static_cast<size_t>(got));
   }
-  return !std::ferror(file.get());
 }
 
 }  // namespace

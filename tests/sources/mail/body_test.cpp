@@ -1,6 +1,7 @@
 // Whole .emlx files to bodies: the count line, MIME trees built here, charsets,
 // the caps, the file locations, and the real files under tests/data/emlx.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
@@ -317,7 +318,8 @@ TEST_F(MailFilesOnDisk, LoadTriesFullThenPartialAndCountsEveryOutcome) {
   write(root_ / "8/7/Messages/78496.partial.emlx", partial);
   write(root_ / "Messages/5.emlx", "");
   write(root_ / "Messages/6.emlx", "garbage without a count line");
-  std::filesystem::create_directories(root_ / "Messages/7.emlx");  // a directory, not a file
+  std::filesystem::create_directories(root_ / "Messages/7.emlx");     // a directory, not a file
+  ASSERT_EQ(::mkfifo((root_ / "Messages/8.emlx").c_str(), 0600), 0);  // must not block
 
   Census census;
   EXPECT_EQ(TeskMail::load(78495, root, census).text, "full body");
@@ -326,11 +328,12 @@ TEST_F(MailFilesOnDisk, LoadTriesFullThenPartialAndCountsEveryOutcome) {
   EXPECT_EQ(TeskMail::load(5, root, census).tier, Tier::unreadable);
   EXPECT_EQ(TeskMail::load(6, root, census).tier, Tier::malformed);
   EXPECT_EQ(TeskMail::load(7, root, census).tier, Tier::unreadable);
+  EXPECT_EQ(TeskMail::load(8, root, census).tier, Tier::unreadable);
   EXPECT_EQ(census.plain, 2);
   EXPECT_EQ(census.notOnDisk, 1);
-  EXPECT_EQ(census.unreadable, 2);
+  EXPECT_EQ(census.unreadable, 3);
   EXPECT_EQ(census.malformed, 1);
-  EXPECT_EQ(census.attempted(), 6);
+  EXPECT_EQ(census.attempted(), 7);
   EXPECT_EQ(census.filesRead(), 3);
 }
 
