@@ -247,6 +247,9 @@ TEST_F(StoreOpenTest, OpenErrorsNameTheAskedPath) {
        TeskStoreError::Kind::denied,
        "cannot read " + garbage + ": snapshot failed: ",
        true},
+      // A directory where the store should be: SQLite cannot open it, nor can it be copied.
+      {dir_.path().string(), env(), TeskStoreError::Kind::denied,
+       "cannot read " + dir_.path().string() + ": snapshot failed: ", true},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.path);
