@@ -5,9 +5,11 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unicode/ucnv.h>
 
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -302,6 +304,118 @@ TEST_F(DemoHome, MailFilesFollowTheIndexLayout) {
   ASSERT_EQ(url.size(), 1u);
   const std::string account = url[0][0].substr(7, url[0][0].find('/', 7) - 7);
   EXPECT_TRUE(fs::is_directory(at("Library/Mail/V10/" + account + "/[Gmail].mbox/All Mail.mbox")));
+}
+
+std::string decodeBase64(const std::string& in) {
+  std::string out;
+  int bits = 0, value = 0;
+  for (char ch : in) {
+    const char* table = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    const char* p = ch ? std::strchr(table, ch) : nullptr;
+    if (!p) continue;
+    value = (value << 6) | static_cast<int>(p - table);
+    if ((bits += 6) >= 8) {
+      bits -= 8;
+      out += static_cast<char>((value >> bits) & 0xFF);
+    }
+  }
+  return out;
+}
+
+std::string decodeQuotedPrintable(const std::string& in) {
+  std::string out;
+  for (size_t i = 0; i < in.size(); ++i) {
+    if (in[i] != '=') {
+      out += in[i];
+    } else if (in.compare(i + 1, 2, "\r\n") == 0) {
+      i += 2;
+    } else if (i + 2 < in.size()) {
+      out += static_cast<char>(std::stoi(in.substr(i + 1, 2), nullptr, 16));
+      i += 2;
+    }
+  }
+  return out;
+}
+
+std::string toUtf8(const std::string& bytes, const std::string& charset) {
+  UErrorCode err = U_ZERO_ERROR;
+  std::string out(bytes.size() * 4 + 16, '\0');
+  const int32_t n =
+      ucnv_convert("UTF-8", charset.c_str(), out.data(), static_cast<int32_t>(out.size()),
+                   bytes.data(), static_cast<int32_t>(bytes.size()), &err);
+  return U_FAILURE(err) ? "" : out.substr(0, static_cast<size_t>(n));
+}
+
+// Single-part bodies decode back, with the transfer encoding and charset they
+// declare, to text that greets the owner in its own script.
+TEST_F(DemoHome, MailBodiesDecodeWithTheirDeclaredEncodingAndCharset) {
+  const std::map<std::string, std::string> legacyWord = {
+      {"windows-1252", "résumé"}, {"iso-8859-1", "München"}, {"Shift_JIS", "会議"},
+      {"KOI8-R", "ужином"},       {"GB2312", "吃饭"},        {"ISO-2022-JP", "出張"}};
+  std::map<std::string, int> seen;
+  int checked = 0;
+  for (const auto& e : fs::recursive_directory_iterator(at("Library/Mail/V10"))) {
+    if (e.path().extension() != ".emlx") continue;
+    const std::string bytes = slurp(e.path().string());
+    const size_t nl = bytes.find('\n');
+    const std::string message = bytes.substr(nl + 1, std::stoull(bytes.substr(0, nl)));
+    const size_t split = message.find("\r\n\r\n");
+    ASSERT_NE(split, std::string::npos);
+    const std::string headers = message.substr(0, split), body = message.substr(split + 4);
+    const size_t ct = headers.find("Content-Type: text/plain; charset=");
+    if (ct == std::string::npos) continue;  // multipart and HTML bodies
+    const size_t cs = ct + std::strlen("Content-Type: text/plain; charset=");
+    std::string charset = headers.substr(cs, headers.find("\r\n", cs) - cs);
+    if (!charset.empty() && charset.front() == '"') charset = charset.substr(1, charset.size() - 2);
+    std::string raw = body;
+    if (headers.find("Content-Transfer-Encoding: base64") != std::string::npos)
+      raw = decodeBase64(body);
+    if (headers.find("Content-Transfer-Encoding: quoted-printable") != std::string::npos) {
+      raw = decodeQuotedPrintable(body);
+    }
+    const std::string text = toUtf8(raw, charset);
+    ++checked;
+    auto word = legacyWord.find(charset);
+    if (word != legacyWord.end()) {
+      ++seen[charset];
+      EXPECT_NE(text.find(word->second), std::string::npos) << e.path() << ": " << text;
+    } else {
+      EXPECT_EQ(charset, "utf-8");
+      EXPECT_TRUE(text.find("Alex") != std::string::npos ||
+                  text.find("Congratulations") != std::string::npos ||
+                  text.find("Hi ") != std::string::npos)
+          << e.path() << ": " << text;
+    }
+  }
+  EXPECT_GT(checked, 50);
+  EXPECT_EQ(seen.size(), legacyWord.size());
+}
+
+TEST_F(DemoHome, BrowserEpochsAndSpansDifferPerBrowser) {
+  const double day = 86400;
+  Reader chrome(at("Library/Application Support/Google/Chrome/Default/History"));
+  EXPECT_NEAR(chrome.num("SELECT MAX(visit_time)/1e6 - 11644473600 FROM visits"), kNow - 300, 300);
+  EXPECT_NEAR(chrome.num("SELECT MIN(visit_time)/1e6 - 11644473600 FROM visits"), kNow - 90 * day,
+              1.5 * day);
+  EXPECT_GE(chrome.num("SELECT COUNT(*) FROM urls WHERE url IN ('https:///x','about:blank') OR url "
+                       "LIKE 'data:%'"),
+            3);
+  EXPECT_EQ(
+      chrome.num(
+          "SELECT COUNT(*) FROM urls WHERE url LIKE 'https://alex:%@intranet.example.com:8443/%'"),
+      1);
+  Reader arc(at("Library/Application Support/Arc/User Data/Default/History"));
+  EXPECT_NEAR(arc.num("SELECT MAX(visit_time)/1e6 - 11644473600 FROM visits"), kNow - 21 * day,
+              day);
+  Reader safari(at("Library/Safari/History.db"));
+  EXPECT_EQ(safari.num("SELECT COUNT(*) FROM history_visits WHERE typeof(visit_time) != 'real'"),
+            0);
+  EXPECT_GT(
+      safari.num(
+          "SELECT 1.0*SUM(visit_time != CAST(visit_time AS INTEGER))/COUNT(*) FROM history_visits"),
+      0.9);
+  EXPECT_NEAR(safari.num("SELECT MAX(visit_time) + 978307200 FROM history_visits"), kNow - 91 * day,
+              day);
 }
 
 TEST_F(DemoHome, CalendarRulesAndOccurrenceCacheAgree) {

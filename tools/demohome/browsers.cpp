@@ -39,6 +39,7 @@ std::vector<double> visitTimes(Rng& rng, size_t n, double from, double to) {
     x = std::min(std::max(x, from), to);
   }
   std::sort(t.begin(), t.end());
+  if (!t.empty()) t.back() = to;  // the newest visit closes the span: the browser was just used
   return t;
 }
 
