@@ -41,6 +41,7 @@ class TeskFunctions {
     bool hadPlaceholder = false;
   };
 
+  // An empty census and memo. Not copyable: SQLite holds its address.
   TeskFunctions() = default;
   TeskFunctions(const TeskFunctions&) = delete;
   TeskFunctions& operator=(const TeskFunctions&) = delete;
@@ -57,6 +58,7 @@ class TeskFunctions {
   std::optional<std::string> body(int64_t rowID, std::optional<std::string_view> text,
                                   TeskDecode::Bytes blob);
 
+  // Every fresh decode so far (memo hits are not counted).
   const TeskDecode::Census& census() const { return census_; }
 
  private:

@@ -16,6 +16,7 @@ struct sqlite3_stmt;
 
 class TeskRowReader {
  public:
+  // A reader on `stmt`, which the runner has stepped onto a row.
   explicit TeskRowReader(sqlite3_stmt* stmt) : stmt_(stmt) {}
 
   // Column `i` (0-based) as a 64-bit integer; NULL reads as 0, a REAL is truncated.
@@ -59,6 +60,7 @@ class TeskRowCallback {
           (*static_cast<std::remove_reference_t<F>*>(object))(row);
         }) {}
 
+  // Calls the referenced callable with `row`; its exceptions pass through.
   void operator()(const TeskRowReader& row) const { call_(object_, row); }
 
  private:

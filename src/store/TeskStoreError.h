@@ -23,6 +23,7 @@ class TeskStoreError : public std::exception {
     return TeskStoreError(Kind::sql, std::string(), std::move(message));
   }
 
+  // Which of the three failures this is.
   Kind kind() const { return kind_; }
   // The store path as the caller gave it; empty for `sql`.
   const std::string& path() const { return path_; }
