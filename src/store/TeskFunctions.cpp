@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <memory>
 #include <new>
 
 #include "cli/TeskTime.h"
@@ -115,13 +116,32 @@ void teskIso(sqlite3_context* ctx, int argc, sqlite3_value** argv) {
   resultText(ctx, TeskTime::isoString(sqlite3_value_double(argv[0])));
 }
 
+// The query side of tesk_match, prepared once per statement when the query is a
+// constant or bound value (SQLite keeps it as auxiliary data of argument 0).
+struct MatchQuery {
+  bool empty;
+  TeskIdentity::Query query;
+  std::string canonical;
+};
+
 void teskMatch(sqlite3_context* ctx, int argc, sqlite3_value** argv) {
   if (ctx == nullptr || argv == nullptr || argc < 2) return;
-  std::string_view query = textArg(argv[0]).value_or("");
+  auto* prepared = static_cast<const MatchQuery*>(sqlite3_get_auxdata(ctx, 0));
+  std::unique_ptr<MatchQuery> fresh;
+  if (prepared == nullptr) {
+    std::string_view q = textArg(argv[0]).value_or("");
+    fresh.reset(new MatchQuery{q.empty(), TeskIdentity::Query(q), TeskIdentity::canonical(q)});
+    prepared = fresh.get();
+  }
   std::string_view handle = textArg(argv[1]).value_or("");
-  bool match = query.empty() || TeskIdentity::matches(query, handle) ||
-               TeskIdentity::canonical(handle) == TeskIdentity::canonical(query);
+  bool match = prepared->empty || prepared->query.matches(handle) ||
+               TeskIdentity::canonical(handle) == prepared->canonical;
   sqlite3_result_int64(ctx, match ? 1 : 0);
+  if (fresh) {
+    // SQLite owns it from here (and frees it at once if it cannot keep it).
+    sqlite3_set_auxdata(ctx, 0, fresh.release(),
+                        [](void* p) { delete static_cast<MatchQuery*>(p); });
+  }
 }
 
 // SQLite's frames are C: nothing may unwind through them. Out of memory is the

@@ -306,6 +306,30 @@ TEST_F(FunctionsTest, CanonicalAndMatch) {
   }
 }
 
+TEST_F(FunctionsTest, MatchPreparedOncePerStatementAgreesRowByRow) {
+  exec(db_.get(),
+       "CREATE TABLE h(q TEXT, handle TEXT);"
+       "INSERT INTO h VALUES ('5550123', '+14155550123'), ('bob', 'alice@example.com'),"
+       " ('', 'x'), ('12-345', '12345'), ('ALICE', 'Alice@Example.com'), (NULL, 'y'),"
+       " ('5550123', '+14155559999');");
+  // The query varies per row: nothing prepared for one row may serve the next.
+  EXPECT_EQ(rows("SELECT group_concat(tesk_match(q, handle), '') FROM h"), "1011110");
+  // A constant and a bound query, prepared once, give what a call per row gives.
+  EXPECT_EQ(rows("SELECT group_concat(tesk_match('5550123', handle), '') FROM h"), "1000000");
+  sqlite3_stmt* raw = nullptr;
+  ASSERT_EQ(sqlite3_prepare_v2(db_.get(), "SELECT group_concat(tesk_match(?, handle), '') FROM h",
+                               -1, &raw, nullptr),
+            SQLITE_OK);
+  std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)> stmt(raw, &sqlite3_finalize);
+  for (auto [query, expected] : std::vector<std::pair<const char*, const char*>>{
+           {"alice", "0100100"}, {"", "1111111"}, {"415 555", "0000000"}}) {
+    sqlite3_bind_text(raw, 1, query, -1, SQLITE_TRANSIENT);
+    ASSERT_EQ(sqlite3_step(raw), SQLITE_ROW);
+    EXPECT_STREQ(reinterpret_cast<const char*>(sqlite3_column_text(raw, 0)), expected) << query;
+    sqlite3_reset(raw);
+  }
+}
+
 TEST_F(FunctionsTest, FunctionsAreDeterministic) {
   // Index expressions accept only deterministic functions.
   exec(db_.get(),

@@ -3,6 +3,7 @@
 #include <unicode/uchar.h>
 #include <unicode/utf8.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -66,6 +67,16 @@ std::string_view lastDigits(const Digits& d, size_t k) {
   return std::string_view(d.text).substr(d.starts[d.count - k]);
 }
 
+// True when `needle` (already lower-case ASCII) occurs in `hay` ignoring ASCII case;
+// the common handle needs no lowered copy.
+bool asciiContainsLowered(std::string_view hay, std::string_view needle) {
+  auto lowerASCII = [](char ch) {
+    return (ch >= 'A' && ch <= 'Z') ? static_cast<char>(ch + 32) : ch;
+  };
+  return std::search(hay.begin(), hay.end(), needle.begin(), needle.end(),
+                     [&](char a, char b) { return lowerASCII(a) == b; }) != hay.end();
+}
+
 }  // namespace
 
 std::string canonical(std::string_view handle) {
@@ -79,12 +90,24 @@ std::string canonical(std::string_view handle) {
 }
 
 bool matches(std::string_view query, std::string_view handle) {
-  const std::string q = TeskText::lower(TeskText::trimBlanks(query));
-  if (q.empty()) return false;
-  if (TeskText::lower(handle).find(q) != std::string::npos) return true;
-  const Digits qd = digitsOf(q);
-  if (qd.count < kQueryDigits) return false;
-  return digitsOf(handle).text.find(qd.text) != std::string::npos;
+  return Query(query).matches(handle);
+}
+
+Query::Query(std::string_view query) : lowered_(TeskText::lower(TeskText::trimBlanks(query))) {
+  Digits d = digitsOf(lowered_);
+  digits_ = std::move(d.text);
+  digitCount_ = d.count;
+  ascii_ = TeskText::isASCII(lowered_);
+}
+
+bool Query::matches(std::string_view handle) const {
+  if (lowered_.empty()) return false;
+  const bool contained = (ascii_ && TeskText::isASCII(handle))
+                             ? asciiContainsLowered(handle, lowered_)
+                             : TeskText::lower(handle).find(lowered_) != std::string::npos;
+  if (contained) return true;
+  if (digitCount_ < kQueryDigits) return false;
+  return digitsOf(handle).text.find(digits_) != std::string::npos;
 }
 
 }  // namespace TeskIdentity

@@ -2,6 +2,7 @@
 // lower-cased) and the --who match of a query against a handle.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -16,5 +17,19 @@ std::string canonical(std::string_view handle);
 // handle, or has 7+ digits that appear in order inside the handle's digits.
 // An empty query matches nothing.
 bool matches(std::string_view query, std::string_view handle);
+
+// A query prepared once for many handles: Query(q).matches(h) == matches(q, h).
+// Inside SQL one is kept per statement, so each row pays only for its handle.
+class Query {
+ public:
+  explicit Query(std::string_view query);
+  bool matches(std::string_view handle) const;
+
+ private:
+  std::string lowered_;  // trimmed and lower-cased
+  std::string digits_;   // the digits of lowered_
+  size_t digitCount_ = 0;
+  bool ascii_ = false;
+};
 
 }  // namespace TeskIdentity
