@@ -10,6 +10,7 @@
 #include <random>
 #include <system_error>
 
+#include "store/TeskCleanup.h"
 #include "store/TeskFunctions.h"
 
 namespace fs = std::filesystem;
@@ -172,6 +173,7 @@ TeskStore::Directory& TeskStore::Directory::operator=(Directory&& other) noexcep
 
 void TeskStore::Directory::remove() noexcept {
   if (path_.empty()) return;
+  TeskCleanup::forget(path_);
   std::error_code ec;
   fs::remove_all(path_, ec);  // a failure to remove is not the reader's problem
   path_.clear();
@@ -254,10 +256,12 @@ void TeskStore::open(const Environment& environment) {
   fs::path dir =
       fs::path(environment.temporaryDirectory) /
       ("tesk-snapshot-" + std::to_string(::getpid()) + "-" + std::to_string(randomU32()));
+  const fs::path copy = dir / lastComponent(path_);
+  // Remembered before it exists, so an interrupted copy is removed too.
+  TeskCleanup::remember(dir.string(), copy.string());
   std::error_code ignored;
   fs::create_directories(dir, ignored);  // a failure shows up as the copy's error
   Directory snapshot(dir.string());
-  const fs::path copy = dir / lastComponent(path_);
   for (const char* suffix : {"", "-wal", "-shm"}) {
     std::string source = path_ + suffix;
     if (!fileExists(source)) continue;
