@@ -30,8 +30,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const uint8_t flags = data[11];
   const std::string specifier(reinterpret_cast<const char*>(data + 12), size - 12);
 
-  if (auto spec = TeskCal::Specifier::parse(specifier)) {
-    for (const auto& d : spec->days) {
+  if (auto parsed = TeskCal::Specifier::parse(specifier)) {
+    for (const auto& d : parsed->days) {
       if (d.weekday < 1 || d.weekday > 7) __builtin_trap();
     }
   }

@@ -257,8 +257,8 @@ void writeCalendar(Home& h) {
     return it;
   };
   auto recurring = [&](Item it, int freq, int interval, int count, std::optional<double> end,
-                       const char* spec) {
-    it.rule = Rule{freq, interval, count, end, spec};
+                       const char* specifier) {
+    it.rule = Rule{freq, interval, count, end, specifier};
     return add(it);
   };
   // Local weekday of today (1 = Sunday): used to anchor weekly series.

@@ -80,11 +80,11 @@ double longestStep(UCalendarDateFields unit) {
 // How far from its period date P a selected date can lie: the period's own span
 // (its week, month, or the whole year when a specifier names months), a day for
 // the time of day, and a day of slack for zone offsets.
-double reach(UCalendarDateFields unit, const std::optional<Specifier>& spec, bool everyWeekday) {
+double reach(UCalendarDateFields unit, const std::optional<Specifier>& parsed, bool everyWeekday) {
   double span = 0;
-  if (spec && !everyWeekday) {
-    span = spec->months.empty() ? 31 * kDay : 366 * kDay;
-  } else if (spec) {
+  if (parsed && !everyWeekday) {
+    span = parsed->months.empty() ? 31 * kDay : 366 * kDay;
+  } else if (parsed) {
     span = longestStep(unit);
   }
   return span + 2 * kDay;
@@ -124,11 +124,11 @@ Expansion occurrences(const Rule& rule, double start, icu::Calendar& cal, bool a
     out.incomplete = true;
     return out;
   }
-  const std::optional<Specifier> spec =
+  const std::optional<Specifier> parsed =
       rule.specifier ? Specifier::parse(*rule.specifier) : std::nullopt;
   const UCalendarDateFields unit = stepUnit(*rule.frequency);
-  const bool everyWeekday = spec && spec->months.empty() &&
-                            std::all_of(spec->days.begin(), spec->days.end(),
+  const bool everyWeekday = parsed && parsed->months.empty() &&
+                            std::all_of(parsed->days.begin(), parsed->days.end(),
                                         [](const Specifier::Day& d) { return d.ordinal == 0; });
   const int64_t interval = std::max<int64_t>(rule.interval, 1);
   const UDate startMs = start * 1000.0;
@@ -139,7 +139,7 @@ Expansion occurrences(const Rule& rule, double start, icu::Calendar& cal, bool a
   // periods that provably yield no instant and cannot stop the expansion (they lie
   // before `from` and so before `to`), except an `end` among them, checked below.
   int64_t first = 0;
-  const double margin = reach(unit, spec, everyWeekday);
+  const double margin = reach(unit, parsed, everyWeekday);
   if (from <= to && std::isfinite(from) && from - margin > start) {
     const double steps =
         std::floor((from - margin - start) / (longestStep(unit) * static_cast<double>(interval)));
@@ -165,10 +165,10 @@ Expansion occurrences(const Rule& rule, double start, icu::Calendar& cal, bool a
     // A period this far before the window selects nothing inside it.
     if (*period + margin < from) continue;
 
-    if (!spec) {
+    if (!parsed) {
       if (*period >= from) out.instants.push_back(*period);
     } else if (everyWeekday) {
-      for (double d : spec->weekdayDates(*period, unit, cal, start, allDay)) {
+      for (double d : parsed->weekdayDates(*period, unit, cal, start, allDay)) {
         if ((!rule.end || d <= *rule.end) && d >= start && d >= from && d <= to) {
           out.instants.push_back(d);
         }
@@ -180,14 +180,14 @@ Expansion occurrences(const Rule& rule, double start, icu::Calendar& cal, bool a
       UErrorCode status = U_ZERO_ERROR;
       cal.setTime(*period * 1000.0, status);
       const int64_t key = static_cast<int64_t>(cal.get(UCAL_EXTENDED_YEAR, status)) * 16 +
-                          (spec->months.empty() ? cal.get(UCAL_MONTH, status) : 0);
+                          (parsed->months.empty() ? cal.get(UCAL_MONTH, status) : 0);
       if (U_FAILURE(status)) {
         out.incomplete = true;
         return out;
       }
       if (key == lastKey) continue;
       lastKey = key;
-      for (double d : spec->dates(*period, cal, start, allDay)) {
+      for (double d : parsed->dates(*period, cal, start, allDay)) {
         if ((!rule.end || d <= *rule.end) && from <= d && d <= to) out.instants.push_back(d);
       }
     }

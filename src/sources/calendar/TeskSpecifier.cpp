@@ -120,7 +120,7 @@ std::optional<int> Specifier::weekday(std::string_view code) {
 }
 
 std::optional<Specifier> Specifier::parse(std::string_view text) {
-  Specifier spec;
+  Specifier parsed;
   forEachPiece(text, ';', [&](std::string_view piece) {
     size_t eq = piece.find('=');
     if (eq == std::string_view::npos) return;
@@ -128,16 +128,16 @@ std::optional<Specifier> Specifier::parse(std::string_view text) {
     std::string_view value = piece.substr(eq + 1);
     if (key == "D") {
       forEachPiece(value, ',', [&](std::string_view item) {
-        if (auto day = dayItem(item)) spec.days.push_back(*day);
+        if (auto day = dayItem(item)) parsed.days.push_back(*day);
       });
     } else if (key == "O") {
       forEachPiece(value, ',', [&](std::string_view item) {
-        if (auto month = signedInteger(item)) spec.months.push_back(*month);
+        if (auto month = signedInteger(item)) parsed.months.push_back(*month);
       });
     }
   });
-  if (spec.days.empty()) return std::nullopt;
-  return spec;
+  if (parsed.days.empty()) return std::nullopt;
+  return parsed;
 }
 
 std::vector<double> Specifier::dates(double period, icu::Calendar& cal, double timeOfDay,

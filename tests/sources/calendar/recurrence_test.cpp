@@ -45,12 +45,13 @@ std::string walls(const std::vector<double>& ts, const std::string& zone) {
   return out;
 }
 
-Rule rule(int64_t frequency, int64_t interval = 1, int64_t count = 0, const char* spec = nullptr) {
+Rule rule(int64_t frequency, int64_t interval = 1, int64_t count = 0,
+          const char* parsed = nullptr) {
   Rule r;
   r.frequency = TeskCal::frequencyFromStore(frequency);
   r.interval = interval;
   r.count = count;
-  if (spec) r.specifier = spec;
+  if (parsed) r.specifier = parsed;
   return r;
 }
 
