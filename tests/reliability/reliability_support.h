@@ -1,0 +1,146 @@
+// Running the built binary as a separate process (optionally under strace), a demo
+// home written once per test binary, and the checks every reliability test shares.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "common/TeskTestHome.h"
+
+extern char** environ;
+
+namespace reliability {
+
+namespace fs = std::filesystem;
+
+struct Answer {
+  int exit = -1;     // exit status, or 128 + signal
+  int signal = 0;    // the signal that ended the process, else 0
+  std::string text;  // standard output
+  std::vector<std::string> lines;
+};
+
+inline std::string teskBinary() { return std::string(TESK_BINARY_DIR) + "/tesk"; }
+
+// A started process whose standard output is read through `out`.
+struct Child {
+  pid_t pid = -1;
+  int out = -1;
+};
+
+// Starts `argv` with HOME, TMPDIR, TZ=UTC and a fixed PATH; stdout into a pipe.
+inline Child start(std::vector<std::string> argv, const std::string& home,
+                   const std::string& tmpdir) {
+  std::vector<char*> cargv;
+  for (std::string& a : argv) cargv.push_back(a.data());
+  cargv.push_back(nullptr);
+  std::vector<std::string> env{"HOME=" + home, "TMPDIR=" + tmpdir, "TZ=UTC", "PATH=/usr/bin:/bin"};
+  std::vector<char*> cenv;
+  for (std::string& e : env) cenv.push_back(e.data());
+  cenv.push_back(nullptr);
+  int fds[2];
+  if (pipe(fds) != 0) return {};
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
+  posix_spawn_file_actions_addclose(&actions, fds[0]);
+  posix_spawn_file_actions_addclose(&actions, fds[1]);
+  Child c;
+  int rc = posix_spawn(&c.pid, argv[0].c_str(), &actions, nullptr, cargv.data(), cenv.data());
+  posix_spawn_file_actions_destroy(&actions);
+  close(fds[1]);
+  if (rc != 0) {
+    close(fds[0]);
+    ADD_FAILURE() << "cannot start " << argv[0];
+    return {};
+  }
+  c.out = fds[0];
+  return c;
+}
+
+// Reads the child's output to its end and waits for it.
+inline Answer finish(Child c) {
+  Answer a;
+  if (c.pid < 0) return a;
+  std::array<char, 65536> buf;
+  ssize_t n;
+  while ((n = read(c.out, buf.data(), buf.size())) > 0) a.text.append(buf.data(), n);
+  close(c.out);
+  int status = 0;
+  waitpid(c.pid, &status, 0);
+  if (WIFSIGNALED(status)) {
+    a.signal = WTERMSIG(status);
+    a.exit = 128 + a.signal;
+  } else {
+    a.exit = WEXITSTATUS(status);
+  }
+  size_t from = 0;
+  while (from < a.text.size()) {
+    size_t end = a.text.find('\n', from);
+    if (end == std::string::npos) end = a.text.size();
+    a.lines.push_back(a.text.substr(from, end - from));
+    from = end + 1;
+  }
+  return a;
+}
+
+inline Answer tesk(const std::vector<std::string>& args, const std::string& home,
+                   const std::string& tmpdir) {
+  std::vector<std::string> argv{teskBinary()};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return finish(start(argv, home, tmpdir));
+}
+
+// The first and the last line are the same receipt.
+inline bool framed(const Answer& a) {
+  return a.lines.size() >= 2 && a.lines.front().rfind("#tesk {\"v\":1,", 0) == 0 &&
+         a.lines.front() == a.lines.back();
+}
+
+inline bool has(const std::string& haystack, const std::string& needle) {
+  return haystack.find(needle) != std::string::npos;
+}
+
+// Names of tesk-snapshot-* entries directly under `dir`.
+inline std::vector<std::string> snapshotsIn(const std::string& dir) {
+  std::vector<std::string> found;
+  std::error_code ec;
+  for (const auto& e : fs::directory_iterator(dir, ec)) {
+    std::string name = e.path().filename().string();
+    if (name.rfind("tesk-snapshot-", 0) == 0) found.push_back(name);
+  }
+  return found;
+}
+
+// A small demo home written once per test binary and removed at exit. Tests that
+// change a store copy it first.
+inline std::string demoHome() {
+  struct Demo {
+    tesk_test::TempHome dir;
+    Demo() {
+      std::error_code ec;
+      fs::remove_all(dir.path(), ec);  // the generator wants a fresh directory
+      Answer a = finish(start({std::string(TESK_BINARY_DIR) + "/tesk-demo-home", dir.path(),
+                               "--scale", "small", "--zone", "UTC"},
+                              "/nonexistent-home", fs::temp_directory_path().string()));
+      EXPECT_EQ(a.exit, 0) << a.text;
+    }
+  };
+  static Demo demo;
+  return demo.dir.path();
+}
+
+// Copies the demo home into `to` (a fresh test home) so a test may damage it.
+inline void copyDemoHome(const std::string& to) {
+  fs::copy(demoHome(), to, fs::copy_options::recursive | fs::copy_options::overwrite_existing);
+}
+
+}  // namespace reliability
