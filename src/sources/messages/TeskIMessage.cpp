@@ -230,12 +230,16 @@ std::string projection(const Schema& schema) {
 
 std::optional<TeskSpan> storeHorizon(TeskStore& store) {
   std::optional<TeskSpan> out;
-  store.query("SELECT MIN(m.date), MAX(m.date) FROM message m WHERE m.date != 0",
-              [&](const TeskRowReader& r) {
-                double from = appleToUnix(r.integer(0));
-                double to = appleToUnix(r.integer(1));
-                if (from > 0 && to > 0 && from <= to) out = TeskSpan{from, to};
-              });
+  // One aggregate per subquery, so SQLite reads each end of the date index instead of
+  // scanning it (a quarter of a 30-day `im` on 145k messages, paid twice per read).
+  store.query(
+      "SELECT (SELECT MIN(m.date) FROM message m WHERE m.date != 0),\n"
+      "       (SELECT MAX(m.date) FROM message m WHERE m.date != 0)",
+      [&](const TeskRowReader& r) {
+        double from = appleToUnix(r.integer(0));
+        double to = appleToUnix(r.integer(1));
+        if (from > 0 && to > 0 && from <= to) out = TeskSpan{from, to};
+      });
   return out;
 }
 
