@@ -115,8 +115,33 @@ std::string uriForReadOnly(const std::string& path) {
       uri += hex[c & 0xF];
     }
   }
-  uri += "?mode=ro";
+  // readonly_shm: the wal-index is opened read-only too (SQLite then keeps its
+  // own copy in memory), so a live read never opens a file of the owner's for writing.
+  uri += "?mode=ro&readonly_shm=1";
   return uri;
+}
+
+// SQLite opens a WAL file read-write (creating it when missing) even for a
+// read-only connection. This VFS passes every call to the default one but opens
+// WAL files read-only and never creates them; a store whose -wal is missing then
+// fails the live open and is read through the snapshot.
+sqlite3_vfs* readOnlyWalVfs() {
+  static sqlite3_vfs* vfs = [] {
+    static sqlite3_vfs* base = sqlite3_vfs_find(nullptr);
+    static sqlite3_vfs wrapped = *base;
+    wrapped.zName = "tesk-readonly-wal";
+    wrapped.pNext = nullptr;
+    wrapped.xOpen = [](sqlite3_vfs*, sqlite3_filename name, sqlite3_file* file, int flags,
+                       int* outFlags) {
+      if (flags & SQLITE_OPEN_WAL) {
+        flags = (flags & ~(SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE)) | SQLITE_OPEN_READONLY;
+      }
+      return base->xOpen(base, name, file, flags, outFlags);
+    };
+    sqlite3_vfs_register(&wrapped, 0);
+    return &wrapped;
+  }();
+  return vfs;
 }
 
 std::string defaultTemporaryDirectory() {
@@ -235,7 +260,7 @@ void TeskStore::open(const Environment& environment) {
   if (!(hasWAL && fileSize(path_) == 0)) {
     sqlite3* raw = nullptr;
     int rc = sqlite3_open_v2(uriForReadOnly(path_).c_str(), &raw,
-                             SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr);
+                             SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, readOnlyWalVfs()->zName);
     Connection live(raw);
     if (rc == SQLITE_OK && live) {
       std::optional<std::string> journal = firstText(live.get(), "PRAGMA journal_mode");

@@ -79,16 +79,21 @@ TEST_F(StoreOpenTest, LiveReadOnlySeesFramesStillInTheWal) {
   exec(writer.get(), "PRAGMA wal_checkpoint(TRUNCATE);");
 }
 
-TEST_F(StoreOpenTest, WalHeaderWithoutWalFileIsPlain) {
+TEST_F(StoreOpenTest, WalHeaderWithoutWalFileIsCopiedNotGivenNewFiles) {
   std::string path = dir_.file("walheader.db");
   {
     auto w = openWriter(path);
     exec(w.get(), "PRAGMA journal_mode=WAL; CREATE TABLE t(x); INSERT INTO t VALUES (1);");
   }  // the last close checkpoints and deletes the -wal
   ASSERT_FALSE(fs::exists(path + "-wal"));
-  TeskStore store(path, env());
-  EXPECT_EQ(store.mode(), TeskOpenMode::plain);
-  EXPECT_EQ(countRows(store), 1);
+  {
+    // A live handle on a WAL-format file would create -wal and -shm beside it.
+    TeskStore store(path, env());
+    EXPECT_EQ(store.mode(), TeskOpenMode::snapshot);
+    EXPECT_EQ(countRows(store), 1);
+  }
+  EXPECT_FALSE(fs::exists(path + "-wal"));
+  EXPECT_FALSE(fs::exists(path + "-shm"));
 }
 
 TEST_F(StoreOpenTest, LockedStoreIsReadThroughSnapshotIncludingWal) {
@@ -184,8 +189,8 @@ TEST_F(StoreOpenTest, WalWhoseCopyIsNotInWalModeIsRefusedAsStale) {
 }
 
 TEST_F(StoreOpenTest, RollbackStoreWithAForeignWalReadsItsOwnRows) {
-  // SQLite opens any -wal it finds; one without a valid header holds no frames,
-  // so the live handle reports wal and reads the whole database.
+  // A -wal without a valid header holds no frames: the copy reads the whole
+  // database (the live handle, which would open -shm beside it, is not used).
   std::string path = dir_.file("rollback.db");
   {
     auto w = openWriter(path);
@@ -193,8 +198,9 @@ TEST_F(StoreOpenTest, RollbackStoreWithAForeignWalReadsItsOwnRows) {
   }
   { std::ofstream(path + "-wal", std::ios::binary) << std::string(64, '\x5a'); }
   TeskStore store(path, env());
-  EXPECT_EQ(store.mode(), TeskOpenMode::liveReadOnly);
+  EXPECT_EQ(store.mode(), TeskOpenMode::snapshot);
   EXPECT_EQ(countRows(store), 1);
+  EXPECT_FALSE(fs::exists(path + "-shm"));
 }
 
 TEST_F(StoreOpenTest, PathsWithUriCharactersOpenLive) {
