@@ -131,6 +131,71 @@ struct Selectors {
   TeskText::Needle needle;
 };
 
+// A window bound in the store's own time unit, one unit looser than the instant so
+// rounding never drops a visit (the exact test on the converted instant stays in the
+// reader); absent when the bound does not fit the column's range.
+std::optional<TeskValue> rawBound(Source::Engine engine, double t, bool upper) {
+  const double slack = upper ? 1 : -1;
+  if (engine == Source::Engine::webkit) {
+    const double v = t - TeskTime::appleEpochOffset + slack;
+    if (!std::isfinite(v)) return std::nullopt;
+    return TeskValue(v);
+  }
+  const double v = std::floor((t - TeskTime::webkitEpochOffset) * 1e6) + slack * 2;
+  if (!std::isfinite(v) || std::fabs(v) >= 9.0e18) return std::nullopt;
+  return TeskValue(static_cast<int64_t>(v));
+}
+
+// The statement for a window: the bounds are written only when given, so SQLite
+// searches the visit-time index instead of reading every visit.
+std::string windowSQL(Source::Engine engine, const TeskIMessage::Filter& f,
+                      std::vector<TeskValue>& binds) {
+  std::string sql(querySQL(engine));
+  std::string where;
+  auto add = [&](const std::optional<double>& t, bool upper) {
+    if (!t) return;
+    const std::optional<TeskValue> bound = rawBound(engine, *t, upper);
+    if (!bound) return;
+    where += where.empty() ? "WHERE " : " AND ";
+    where += upper ? "v.visit_time <= ?" : "v.visit_time >= ?";
+    binds.push_back(*bound);
+  };
+  add(f.since, false);
+  add(f.until, true);
+  if (!where.empty()) sql.insert(sql.rfind("ORDER BY"), where + "\n");
+  return sql;
+}
+
+// The first and last visit with a usable instant, each read from one end of the
+// visit-time index; with a window the main statement no longer sees every visit.
+std::optional<TeskSpan> storeSpan(TeskStore& store, Source::Engine engine) {
+  const bool webkit = engine == Source::Engine::webkit;
+  const std::string from = webkit ? "FROM history_visits v JOIN history_items i ON i.id = "
+                                    "v.history_item\nWHERE v.visit_time > ?"
+                                  : "FROM visits v JOIN urls u ON u.id = v.url\n"
+                                    "WHERE v.visit_time > ?";
+  const std::string sql = "SELECT (SELECT v.visit_time " + from +
+                          " ORDER BY v.visit_time LIMIT 1),\n"
+                          "       (SELECT v.visit_time " +
+                          from + " ORDER BY v.visit_time DESC LIMIT 1)";
+  std::vector<TeskValue> binds;
+  for (int i = 0; i < 2; ++i) {
+    if (webkit) {
+      binds.emplace_back(-TeskTime::appleEpochOffset);
+    } else {
+      binds.emplace_back(static_cast<int64_t>(-TeskTime::webkitEpochOffset) * 1000000);
+    }
+  }
+  std::optional<TeskSpan> span;
+  store.query(sql, binds, [&](const TeskRowReader& r) {
+    if (r.isNull(0) || r.isNull(1)) return;
+    const auto a = webkit ? webkitInstant(r.real(0)) : chromiumInstant(r.integer(0));
+    const auto b = webkit ? webkitInstant(r.real(1)) : chromiumInstant(r.integer(1));
+    if (a && b) span = TeskSpan{*a, *b};
+  });
+  return span;
+}
+
 // One source's visits appended to `out`; a statement failure ends the source
 // with a denial, keeping what it had emitted.
 void readSource(const Source& source, const Selectors& sel, Result& out,
@@ -147,13 +212,26 @@ void readSource(const Source& source, const Selectors& sel, Result& out,
   int64_t emitted = 0;
   const std::string prefix = source.key + ":";
   try {
-    store->query(std::string(querySQL(source.engine)), [&](const TeskRowReader& r) {
+    std::vector<TeskValue> binds;
+    const std::string sql = windowSQL(source.engine, f, binds);
+    // Without a window the one pass sees every visit and measures the span itself.
+    const bool windowed = !binds.empty();
+    if (windowed) {
+      span = storeSpan(*store, source.engine);
+      if (span) {
+        widen(overall, span->from);
+        widen(overall, span->to);
+      }
+    }
+    store->query(sql, binds, [&](const TeskRowReader& r) {
       std::optional<double> t = source.engine == Source::Engine::chromium
                                     ? chromiumInstant(r.integer(1))
                                     : webkitInstant(r.real(1));
       if (!t) return;
-      widen(span, *t);
-      widen(overall, *t);
+      if (!windowed) {
+        widen(span, *t);
+        widen(overall, *t);
+      }
       if ((f.since && *t < *f.since) || (f.until && *t > *f.until)) return;
       std::string_view url = r.textView(2).value_or(std::string_view());
       std::string_view title = r.textView(3).value_or(std::string_view());
