@@ -1,7 +1,6 @@
 #include "health/TeskDoctor.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
@@ -11,6 +10,7 @@
 #include "cli/TeskTime.h"
 #include "health/TeskGrant.h"
 #include "health/TeskOptelHealth.h"
+#include "sources/mail/TeskMail.h"
 #include "sources/reminders/TeskReminders.h"
 #include "store/TeskStore.h"
 
@@ -245,22 +245,8 @@ Verdict classify(Category category, double ageHours, int64_t count) {
 }
 
 std::optional<std::string> mailIndexPath(const std::string& home) {
-  std::string dir = home + "/Library/Mail";
-  std::vector<std::pair<uint64_t, std::string>> versions;
-  for (const std::string& name : entries(dir)) {
-    if (name.size() < 2 || name[0] != 'V') continue;
-    uint64_t n = 0;
-    auto [ptr, ec] = std::from_chars(name.data() + 1, name.data() + name.size(), n);
-    if (ec != std::errc() || ptr != name.data() + name.size()) continue;
-    versions.emplace_back(n, name);
-  }
-  std::stable_sort(versions.begin(), versions.end(),
-                   [](const auto& a, const auto& b) { return a.first > b.first; });
-  for (const auto& [n, name] : versions) {
-    std::string path = dir + "/" + name + "/MailData/Envelope Index";
-    if (exists(path)) return path;
-  }
-  return std::nullopt;
+  // The one resolution Mail's reader uses too: the highest V<n> holding an index.
+  return TeskMail::indexPath(home);
 }
 
 std::vector<std::string> addressBookPaths(const std::string& home) {
