@@ -101,28 +101,32 @@ std::string lower(std::string_view utf8) {
 std::string escapeTSV(std::string_view text, bool cr) {
   std::string out;
   out.reserve(text.size());
-  for (char c : text) {
-    switch (c) {
+  // Plain runs are copied whole: appending byte by byte was a fifth of a large span.
+  size_t run = 0;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char* escaped = nullptr;
+    switch (text[i]) {
       case '\\':
-        out += "\\\\";
+        escaped = "\\\\";
         break;
       case '\t':
-        out += "\\t";
+        escaped = "\\t";
         break;
       case '\n':
-        out += "\\n";
+        escaped = "\\n";
         break;
       case '\r':
-        if (cr) {
-          out += "\\r";
-        } else {
-          out += c;
-        }
+        if (cr) escaped = "\\r";
         break;
       default:
-        out += c;
+        break;
     }
+    if (escaped == nullptr) continue;
+    out.append(text.data() + run, i - run);
+    out.append(escaped, 2);
+    run = i + 1;
   }
+  out.append(text.data() + run, text.size() - run);
   return out;
 }
 
