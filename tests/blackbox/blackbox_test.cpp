@@ -229,7 +229,7 @@ TEST(BlackBox, HostileStoresFailCleanlyAndLeaveNoSnapshot) {
   const std::string path = home.file("Library/Messages/chat.db");
   for (const std::string& bytes :
        {std::string("this is not a database at all, just text"), std::string(100, '\0'),
-        std::string("SQLite format 3\0\x10\x00\x01\x01", 22)}) {
+        std::string("SQLite format 3\0\x10\x00\x01\x01", 20)}) {
     std::ofstream(path, std::ios::binary) << bytes;
     Answer a = tesk({"im"}, home.path(), tmp.path());
     EXPECT_EQ(a.exit, 5) << a.text;
