@@ -326,7 +326,10 @@ Result read(TeskStore& store, const Filter& filter, const std::string& home) {
   result.unreadSupported = schema.unreadSupported();
   result.attachmentsSupported = schema.attachments;
 
-  auto [where, binds] = predicates(schema, filter, false, false);
+  // Tapbacks stay in the SQL set so that one pass counts what the receipt needs
+  // (tapbacks, orphans, undated rows over the SQL conditions, as stats() does) and
+  // no second scan of the store is made; their kind is known without decoding.
+  auto [where, binds] = predicates(schema, filter, false, true);
   const std::string sql = projection(schema) + "\nWHERE " + where + "\nORDER BY m.date";
   const bool wantQuery = filter.query && !filter.query->empty();
   const TeskText::Needle needle(wantQuery ? *filter.query : std::string());
@@ -341,16 +344,17 @@ Result read(TeskStore& store, const Filter& filter, const std::string& home) {
       lo = std::min(lo, ts);
       hi = std::max(hi, ts);
     }
-    if ((filter.since && ts < *filter.since) || (filter.until && ts > *filter.until)) return;
-    const bool unread = r.integer(13) == 1;
-    if (filter.unreadOnly && !unread) return;
     auto kindText = r.textView(7);
     TeskRow::Kind kind =
         TeskRow::kindFromRaw(kindText.value_or("empty")).value_or(TeskRow::Kind::empty);
-    if (kind == TeskRow::Kind::tapback && !filter.includeTapbacks) {
-      ++result.excludedTapback;
-      return;
-    }
+    const bool tapback = kind == TeskRow::Kind::tapback;
+    if (tapback && !filter.includeTapbacks) ++result.excludedTapback;
+    if (r.integer(11) == 0 && r.isNull(12)) ++result.orphans;
+    if (r.isNull(2) || r.integer(2) == 0) ++result.undated;
+    if ((filter.since && ts < *filter.since) || (filter.until && ts > *filter.until)) return;
+    const bool unread = r.integer(13) == 1;
+    if (filter.unreadOnly && !unread) return;
+    if (tapback && !filter.includeTapbacks) return;
     const bool grp = r.integer(9) == 1;
     if (grp && !filter.includeGroups) {
       ++result.excludedGroup;
@@ -384,14 +388,6 @@ Result read(TeskStore& store, const Filter& filter, const std::string& home) {
     result.rows.push_back(std::move(row));
   });
 
-  try {
-    Result counts = stats(store, filter);
-    result.excludedTapback = counts.excludedTapback;
-    result.orphans = counts.orphans;
-    result.undated = counts.undated;
-  } catch (const TeskStoreError&) {
-    // Counts stay those of the rows read; orphans and undated stay 0.
-  }
   if (schema.attachments && !result.rows.empty()) {
     attachRows(store, schema, home, index, idLo, idHi, result);
   }
