@@ -72,7 +72,7 @@ class Db {
   sqlite3* handle() const { return db_.get(); }
   // Runs one or more statements; throws with the store's path on error.
   void exec(std::string_view sql);
-  // Executes the named compiled-in schema (schemas/<name>.sql).
+  // Executes the named compiled-in schema (tests/data/schemas/<name>*.sql).
   void schema(const char* name);
   // First column of the first row as an integer (0 when there is no row).
   int64_t scalar(std::string_view sql);
