@@ -13,19 +13,25 @@ std::string TeskAttachment::label() const {
 
 std::string_view TeskRow::rawValue(Kind k) {
   switch (k) {
-    case Kind::text: return "text";
-    case Kind::tapback: return "tapback";
-    case Kind::edited: return "edited";
-    case Kind::attachment: return "attachment";
-    case Kind::reminder: return "reminder";
-    case Kind::empty: return "empty";
+    case Kind::text:
+      return "text";
+    case Kind::tapback:
+      return "tapback";
+    case Kind::edited:
+      return "edited";
+    case Kind::attachment:
+      return "attachment";
+    case Kind::reminder:
+      return "reminder";
+    case Kind::empty:
+      return "empty";
   }
   return "empty";
 }
 
 std::optional<TeskRow::Kind> TeskRow::kindFromRaw(std::string_view raw) {
-  for (Kind k : {Kind::text, Kind::tapback, Kind::edited, Kind::attachment, Kind::reminder,
-                 Kind::empty}) {
+  for (Kind k :
+       {Kind::text, Kind::tapback, Kind::edited, Kind::attachment, Kind::reminder, Kind::empty}) {
     if (rawValue(k) == raw) return k;
   }
   return std::nullopt;

@@ -11,11 +11,11 @@
 namespace TeskIMessage {
 
 struct Filter {
-  std::optional<double> since;  // keep ts >= since
-  std::optional<double> until;  // keep ts <= until
+  std::optional<double> since;     // keep ts >= since
+  std::optional<double> until;     // keep ts <= until
   std::optional<std::string> who;  // phone, e-mail or fragment; empty means everyone
   std::optional<TeskRow::Direction> direction;
-  std::optional<TeskRegex> grep;    // over the decoded body
+  std::optional<TeskRegex> grep;     // over the decoded body
   std::optional<std::string> query;  // case- and diacritic-insensitive containment
   bool includeTapbacks = false;
   bool includeGroups = true;
