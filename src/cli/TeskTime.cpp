@@ -13,29 +13,6 @@
 namespace TeskTime {
 namespace {
 
-// Days since 1970-01-01 for a proleptic Gregorian civil date (Howard Hinnant's algorithm).
-int64_t daysFromCivil(int64_t y, unsigned m, unsigned d) {
-  y -= m <= 2;
-  const int64_t era = (y >= 0 ? y : y - 399) / 400;
-  const unsigned yoe = static_cast<unsigned>(y - era * 400);
-  const unsigned doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
-  const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-  return era * 146097 + static_cast<int64_t>(doe) - 719468;
-}
-
-void civilFromDays(int64_t z, int64_t& y, unsigned& m, unsigned& d) {
-  z += 719468;
-  const int64_t era = (z >= 0 ? z : z - 146096) / 146097;
-  const unsigned doe = static_cast<unsigned>(z - era * 146097);
-  const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
-  y = static_cast<int64_t>(yoe) + era * 400;
-  const unsigned doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
-  const unsigned mp = (5 * doy + 2) / 153;
-  d = doy - (153 * mp + 2) / 5 + 1;
-  m = mp < 10 ? mp + 3 : mp - 9;
-  y += m <= 2;
-}
-
 bool isHorizontalSpace(unsigned char c) { return c == ' ' || c == '\t' || c == '\v' || c == '\f'; }
 
 std::string_view trimHorizontal(std::string_view s) {
@@ -157,6 +134,30 @@ std::optional<double> wholeNumber(std::string_view text) {
 
 }  // namespace
 
+int64_t daysFromCivil(int64_t y, unsigned m, unsigned d) {
+  y -= m <= 2;
+  const int64_t era = (y >= 0 ? y : y - 399) / 400;
+  const unsigned yoe = static_cast<unsigned>(y - era * 400);
+  const unsigned doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
+  const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+  return era * 146097 + static_cast<int64_t>(doe) - 719468;
+}
+
+CivilDate civilFromDays(int64_t z) {
+  z += 719468;
+  const int64_t era = (z >= 0 ? z : z - 146096) / 146097;
+  const unsigned doe = static_cast<unsigned>(z - era * 146097);
+  const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+  CivilDate c;
+  c.year = static_cast<int64_t>(yoe) + era * 400;
+  const unsigned doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+  const unsigned mp = (5 * doy + 2) / 153;
+  c.day = doy - (153 * mp + 2) / 5 + 1;
+  c.month = mp < 10 ? mp + 3 : mp - 9;
+  c.year += c.month <= 2;
+  return c;
+}
+
 std::unique_ptr<icu::TimeZone> makeZone(const std::string& zone) {
   if (zone.empty()) return std::unique_ptr<icu::TimeZone>(icu::TimeZone::createDefault());
   std::unique_ptr<icu::TimeZone> tz(
@@ -222,9 +223,9 @@ std::string isoString(double unixSeconds) {
   int64_t secs = static_cast<int64_t>(std::floor(unixSeconds));
   int64_t days = secs >= 0 ? secs / 86400 : -((-secs + 86399) / 86400);
   int64_t rem = secs - days * 86400;
-  int64_t y;
-  unsigned m, d;
-  civilFromDays(days, y, m, d);
+  const CivilDate c = civilFromDays(days);
+  const int64_t y = c.year;
+  const unsigned m = c.month, d = c.day;
   // Digits written by hand: snprintf was a tenth of a large span (one call per row).
   char buf[20] = {'0', '0', '0', '0', '-', '0', '0', '-', '0', '0',
                   'T', '0', '0', ':', '0', '0', ':', '0', '0', 'Z'};

@@ -38,6 +38,16 @@ double fromWebKitDate(int64_t value);
 // (t - 2001) in nanoseconds, truncated toward zero; saturates outside the int64 range.
 int64_t toAppleNanoseconds(double unixSeconds);
 
+// Proleptic Gregorian civil dates and days since 1970-01-01 (Howard Hinnant's
+// algorithms), for UTC arithmetic that needs no time zone.
+struct CivilDate {
+  int64_t year = 1970;
+  unsigned month = 1;
+  unsigned day = 1;
+};
+CivilDate civilFromDays(int64_t days);
+int64_t daysFromCivil(int64_t year, unsigned month, unsigned day);
+
 // The current unix time, read once by the entry and passed down.
 double currentTime();
 

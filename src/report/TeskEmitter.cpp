@@ -23,29 +23,6 @@ constexpr size_t kTopCounterparts = 15;
 constexpr size_t kWeeksShown = 60;
 constexpr int64_t kFixedColumns = 48;  // what a line spends beside who and body
 
-// Days since 1970-01-01 to a proleptic Gregorian date.
-void civilFromDays(int64_t z, int64_t& y, unsigned& m, unsigned& d) {
-  z += 719468;
-  const int64_t era = (z >= 0 ? z : z - 146096) / 146097;
-  const auto doe = static_cast<unsigned>(z - era * 146097);
-  const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
-  y = static_cast<int64_t>(yoe) + era * 400;
-  const unsigned doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
-  const unsigned mp = (5 * doy + 2) / 153;
-  d = doy - (153 * mp + 2) / 5 + 1;
-  m = mp < 10 ? mp + 3 : mp - 9;
-  y += m <= 2;
-}
-
-int64_t daysFromCivil(int64_t y, unsigned m, unsigned d) {
-  y -= m <= 2;
-  const int64_t era = (y >= 0 ? y : y - 399) / 400;
-  const auto yoe = static_cast<unsigned>(y - era * 400);
-  const unsigned doy = (153 * (m > 2 ? m - 3 : m + 9) + 2) / 5 + d - 1;
-  const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-  return era * 146097 + static_cast<int64_t>(doe) - 719468;
-}
-
 // ISO week-numbering year * 100 + week, for sorting weeks as integers.
 int64_t isoWeekKey(double ts) {
   if (!std::isfinite(ts)) ts = 0;
@@ -55,10 +32,8 @@ int64_t isoWeekKey(double ts) {
   const auto days = static_cast<int64_t>(std::floor(ts / 86400.0));
   const int64_t weekday = ((days + 3) % 7 + 7) % 7;  // Monday 0; 1970-01-01 was a Thursday
   const int64_t thursday = days - weekday + 3;       // its week's Thursday names the year
-  int64_t y;
-  unsigned m, d;
-  civilFromDays(thursday, y, m, d);
-  const int64_t week = (thursday - daysFromCivil(y, 1, 1)) / 7 + 1;
+  const int64_t y = TeskTime::civilFromDays(thursday).year;
+  const int64_t week = (thursday - TeskTime::daysFromCivil(y, 1, 1)) / 7 + 1;
   return y * 100 + week;
 }
 
