@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "health/TeskJSONValue.h"
+#include "report/TeskJSONValue.h"
 #include "health/TeskOptelHealth.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -6,7 +6,7 @@
 #include <fstream>
 
 #include "cli/TeskTime.h"
-#include "health/TeskJSONValue.h"
+#include "report/TeskJSONValue.h"
 
 namespace TeskOptelHealth {
 namespace {

@@ -1,4 +1,4 @@
-#include "health/TeskJSONValue.h"
+#include "report/TeskJSONValue.h"
 
 #include <gtest/gtest.h>
 
