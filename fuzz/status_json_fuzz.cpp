@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <string_view>
 
-#include "report/TeskJSONValue.h"
 #include "health/TeskOptelHealth.h"
+#include "report/TeskJSONValue.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size > 64 * 1024) return 0;
