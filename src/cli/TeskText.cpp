@@ -8,6 +8,7 @@
 #include <unicode/utf8.h>
 
 #include <algorithm>
+#include <charconv>
 
 namespace TeskText {
 namespace {
@@ -78,6 +79,12 @@ bool asciiContains(std::string_view hay, std::string_view needleLower) {
 
 std::string_view trim(std::string_view utf8) { return trimWith(utf8, true); }
 std::string_view trimBlanks(std::string_view utf8) { return trimWith(utf8, false); }
+
+std::string shortestDecimal(double value) {
+  char buf[64];
+  auto [end, ec] = std::to_chars(buf, buf + sizeof buf, value);
+  return ec == std::errc() ? std::string(buf, end) : std::string("nan");
+}
 
 bool isASCII(std::string_view s) {
   return std::all_of(s.begin(), s.end(),

@@ -15,6 +15,8 @@ std::string_view trimBlanks(std::string_view utf8);
 std::string lower(std::string_view utf8);
 // Backslash, tab, line feed (and carriage return when `cr`) escaped for TSV cells.
 std::string escapeTSV(std::string_view text, bool cr = true);
+// The shortest decimal that reads back as the same double ("0.5", "1767225600").
+std::string shortestDecimal(double value);
 // True when every byte is ASCII.
 bool isASCII(std::string_view s);
 

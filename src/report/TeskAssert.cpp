@@ -137,10 +137,7 @@ std::optional<Failure> evaluateOne(std::string_view term, const TeskReceipt& r, 
 }  // namespace
 
 std::string shortest(double value) {
-  char buf[64];
-  auto [end, ec] = std::to_chars(buf, buf + sizeof buf, value);
-  if (ec != std::errc()) return "nan";
-  std::string out(buf, end);
+  std::string out = TeskText::shortestDecimal(value);
   if (out.find_first_of(".e") == std::string::npos && out.find("inf") == std::string::npos &&
       out.find("nan") == std::string::npos) {
     out += ".0";

@@ -1,7 +1,5 @@
 #include "store/TeskSQL.h"
 
-#include <charconv>
-
 #include "cli/TeskText.h"
 #include "sources/messages/TeskIMessage.h"
 #include "store/TeskStore.h"
@@ -12,12 +10,6 @@ namespace {
 const char* const kSchema = "CREATE VIEW tesk_message (\n  id       TEXT,      -- 'im:44182' — source-prefixed, globally unique\n  ts       REAL,      -- unix seconds. ALWAYS. never Apple ns, never WebKit us\n  iso      TEXT,      -- the same instant, ISO-8601 UTC, for readable GROUP BY\n  src      TEXT,      -- 'im' in phase 1\n  who      TEXT,      -- the handle as stored\n  tesk_id  TEXT,      -- canonical person: phone digits merged, email lowercased\n  dir      TEXT,      -- 'in' | 'out'\n  kind     TEXT,      -- 'text' | 'attachment' | 'tapback' | 'edited' | 'empty'\n  body     TEXT,      -- DECODED, placeholder stripped. NULL when unreadable\n  grp      INTEGER,   -- 1 when chat.style = 43\n  filtered INTEGER,   -- 1 when Apple flagged the chat unknown-sender/spam\n  chat_id  INTEGER,   -- 0 when the message belongs to no chat\n  unread   INTEGER,   -- 1 when incoming, finished, and not yet read\n  files    INTEGER    -- visible attachments on this message\n)\n-- `body` is decoded per row, on demand. A query that does not read it does\n-- not pay for it: prefer COUNT/GROUP BY and a LIMIT, and reach for\n-- `body LIKE` only when the question is actually about words.";
 const char* const kViewHead = "CREATE TEMP VIEW tesk_message AS\nSELECT 'im:' || row_id           AS id,\n       ts,\n       tesk_iso(ts)              AS iso,\n       'im'                      AS src,\n       who,\n       tesk_id,\n       CASE is_from_me WHEN 1 THEN 'out' ELSE 'in' END AS dir,\n       kind,\n       body,\n       grp,\n       filtered,\n       chat_id,\n       unread,\n       attachments               AS files\nFROM (\n";
 // clang-format on
-
-std::string shortest(double v) {
-  char buf[64];
-  auto [end, ec] = std::to_chars(buf, buf + sizeof buf, v);
-  return ec == std::errc() ? std::string(buf, end) : std::to_string(v);
-}
 
 }  // namespace
 
@@ -55,8 +47,8 @@ TeskSQL::TeskSQL(TeskStore& store, const TeskIMessage::Filter& filter) : store_(
   TeskIMessage::Filter inner = filter;
   auto [where, binds] = TeskIMessage::predicates(probed, inner, true, false);
   std::vector<std::string> outer;
-  if (filter.since) outer.push_back("ts >= " + shortest(*filter.since));
-  if (filter.until) outer.push_back("ts <= " + shortest(*filter.until));
+  if (filter.since) outer.push_back("ts >= " + TeskText::shortestDecimal(*filter.since));
+  if (filter.until) outer.push_back("ts <= " + TeskText::shortestDecimal(*filter.until));
   if (!filter.includeGroups) outer.push_back("grp = 0");
   if (!filter.includeFiltered) outer.push_back("filtered = 0");
   std::string outerClause;

@@ -1,7 +1,6 @@
 #include "sources/messages/TeskIMessage.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <limits>
 #include <unordered_map>
@@ -63,12 +62,6 @@ constexpr const char* kStatsTail =
 constexpr const char* kHiddenCount =
     "SELECT COUNT(*) FROM attachment a WHERE COALESCE(a.hide_attachment, 0) = 1";
 
-std::string shortest(double v) {
-  char buf[64];
-  auto [end, ec] = std::to_chars(buf, buf + sizeof buf, v);
-  return ec == std::errc() ? std::string(buf, end) : std::to_string(v);
-}
-
 // One value of a predicate: a "?" with a bind, or a literal when inlining.
 class Holes {
  public:
@@ -82,7 +75,7 @@ class Holes {
       case TeskValue::Type::integer:
         return std::to_string(v.integer());
       case TeskValue::Type::real:
-        return shortest(v.real());
+        return TeskText::shortestDecimal(v.real());
       case TeskValue::Type::null:
         return "NULL";
       case TeskValue::Type::text: {
