@@ -4,12 +4,11 @@
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
-#include <unistd.h>
+#include <stdlib.h>
 
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <random>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -22,54 +21,90 @@ struct CloseDB {
 };
 using DB = std::unique_ptr<sqlite3, CloseDB>;
 
-// A directory with everything in it removed when the test ends.
+// A private directory, removed with everything in it when the test ends.
 class TempHome {
  public:
   TempHome() {
-    std::random_device rd;
-    path_ = std::filesystem::temp_directory_path() /
-            ("tesk-test-home-" + std::to_string(::getpid()) + "-" + std::to_string(rd()));
-    std::filesystem::create_directories(path_);
+    std::string pattern = (std::filesystem::temp_directory_path() / "tesk-test-XXXXXX").string();
+    if (::mkdtemp(pattern.data()) != nullptr) path_ = pattern;
+    EXPECT_FALSE(path_.empty()) << "mkdtemp in " << std::filesystem::temp_directory_path();
   }
   ~TempHome() {
     std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
+    if (!path_.empty()) std::filesystem::remove_all(path_, ec);
   }
   TempHome(const TempHome&) = delete;
   TempHome& operator=(const TempHome&) = delete;
 
-  std::string path() const { return path_.string(); }
-  // `relative` under the home, with its parent directories created.
+  const std::string& path() const { return path_; }
+  // `relative` under the home (a leading slash allowed), with its parent directories created.
   std::string file(const std::string& relative) const {
-    std::filesystem::path p = path_ / relative;
+    std::filesystem::path p =
+        std::filesystem::path(path_) / relative.substr(!relative.empty() && relative[0] == '/');
     std::filesystem::create_directories(p.parent_path());
     return p.string();
   }
+  // Writes `bytes` to file(relative) and returns its full path.
+  std::string write(const std::string& relative, std::string_view bytes) const {
+    std::string full = file(relative);
+    std::ofstream(full, std::ios::binary | std::ios::trunc) << bytes;
+    return full;
+  }
 
  private:
-  std::filesystem::path path_;
+  std::string path_;
 };
 
-inline std::string readText(const std::string& path) {
+// The whole file, or "" when it cannot be read.
+inline std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   std::stringstream ss;
   ss << in.rdbuf();
   return ss.str();
 }
 
+// Writes `bytes` to `path`, creating its parent directories.
+inline void writeFile(const std::string& path, std::string_view bytes) {
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+// A schema file from tests/data/schemas.
+inline std::string schema(const std::string& name) {
+  std::string text = readFile(std::string(TESK_TEST_DATA) + "/schemas/" + name);
+  EXPECT_FALSE(text.empty()) << name;
+  return text;
+}
+
+// Opens (creating) `path` read-write, as the owning application would; fails the test on error.
+inline DB openDB(const std::string& path) {
+  sqlite3* raw = nullptr;
+  int rc = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+  DB db(raw);
+  EXPECT_EQ(rc, SQLITE_OK) << path;
+  return db;
+}
+
+// Runs `sql` on `db`; fails the test with SQLite's message on error.
 inline void exec(sqlite3* db, const std::string& sql) {
   char* err = nullptr;
   int rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &err);
-  ASSERT_EQ(rc, SQLITE_OK) << sql.substr(0, 200) << ": " << (err ? err : "");
+  EXPECT_EQ(rc, SQLITE_OK) << (err ? err : "") << "\n" << sql.substr(0, 200);
   sqlite3_free(err);
 }
 
-// Creates `path` and loads the schema file tests/data/schemas/<schema>.
-inline DB createStore(const std::string& path, const std::string& schema) {
-  sqlite3* raw = nullptr;
-  sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
-  DB db(raw);
-  std::string sql = readText(std::string(TESK_TEST_DATA) + "/schemas/" + schema);
+// Runs `sql` (schema and rows) in the store at `path`, creating it and its folders.
+inline void makeDB(const std::string& path, const std::string& sql) {
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  DB db = openDB(path);
+  exec(db.get(), "PRAGMA synchronous=OFF;");  // fixtures need no durability
+  exec(db.get(), sql);
+}
+
+// Creates `path` and loads the schema file tests/data/schemas/<name>.
+inline DB createStore(const std::string& path, const std::string& name) {
+  DB db = openDB(path);
+  std::string sql = schema(name);
   // Dumps carry SQLite's own bookkeeping table, which cannot be created by hand.
   const std::string internal = "CREATE TABLE sqlite_sequence(name,seq);";
   if (auto at = sql.find(internal); at != std::string::npos) sql.erase(at, internal.size());

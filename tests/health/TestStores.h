@@ -17,25 +17,6 @@
 
 namespace teststores {
 
-// Runs `sql` in the database at `path`, creating it (and its folders) when needed.
-inline void exec(const std::string& path, const std::string& sql) {
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-  sqlite3* raw = nullptr;
-  int rc = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
-  std::unique_ptr<sqlite3, decltype(&sqlite3_close_v2)> db(raw, &sqlite3_close_v2);
-  if (rc != SQLITE_OK) throw std::runtime_error("open " + path);
-  // Test stores need no durability; one transaction keeps a whole schema to one write.
-  sqlite3_exec(db.get(), "PRAGMA synchronous=OFF", nullptr, nullptr, nullptr);
-  bool pragma = sql.starts_with("PRAGMA");
-  std::string script = pragma ? sql : "BEGIN;" + sql + ";COMMIT;";
-  char* err = nullptr;
-  if (sqlite3_exec(db.get(), script.c_str(), nullptr, nullptr, &err) != SQLITE_OK) {
-    std::string message = err != nullptr ? err : "exec";
-    sqlite3_free(err);
-    throw std::runtime_error(message + " in " + sql);
-  }
-}
-
 // Inserts one blob value with `sql` (one `?` parameter).
 inline void execBlob(const std::string& path, const std::string& sql,
                      const std::vector<uint8_t>& bytes) {
@@ -49,14 +30,6 @@ inline void execBlob(const std::string& path, const std::string& sql,
   std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)> stmt(st, &sqlite3_finalize);
   sqlite3_bind_blob(st, 1, bytes.data(), static_cast<int>(bytes.size()), SQLITE_TRANSIENT);
   if (sqlite3_step(st) != SQLITE_DONE) throw std::runtime_error(sqlite3_errmsg(db.get()));
-}
-
-// The schema text kept under tests/data/schemas.
-inline std::string schema(const std::string& file) {
-  std::ifstream in(std::string(TESK_TEST_DATA) + "/schemas/" + file);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
 }
 
 // Builds NSKeyedArchiver binary plists: objects are appended to $objects and referred

@@ -8,7 +8,7 @@
 #include <filesystem>
 
 #include "cli/TeskTime.h"
-#include "health/TestDir.h"
+#include "common/TeskTestHome.h"
 #include "health/TestStores.h"
 #include "store/TeskStore.h"
 
@@ -65,24 +65,24 @@ const std::string kBooks = "/Library/Application Support/AddressBook";
 void makeChat(const std::string& home, const std::vector<double>& dates) {
   std::string sql = "CREATE TABLE message (ROWID INTEGER PRIMARY KEY, date INTEGER);";
   for (double d : dates) sql += "INSERT INTO message (date) VALUES (" + appleNanos(d) + ");";
-  teststores::exec(home + kChat, sql);
+  tesk_test::makeDB(home + kChat, sql);
 }
 
 void makeReminders(const std::string& home, const std::string& file,
                    const std::vector<double>& modified) {
   std::string path = home + kReminders + file;
-  teststores::exec(path, teststores::schema("reminders.sql"));
+  tesk_test::makeDB(path, tesk_test::schema("reminders.sql"));
   for (double d : modified) {
-    teststores::exec(
+    tesk_test::makeDB(
         path, "INSERT INTO ZREMCDREMINDER (ZLASTMODIFIEDDATE) VALUES (" + appleSeconds(d) + ")");
   }
 }
 
 void makeCalendar(const std::string& home, const std::vector<double>& ends, double modified) {
   std::string path = home + kCalendar;
-  teststores::exec(path, teststores::schema("calendar.sql"));
+  tesk_test::makeDB(path, tesk_test::schema("calendar.sql"));
   for (double d : ends) {
-    teststores::exec(
+    tesk_test::makeDB(
         path, "INSERT INTO CalendarItem (summary, end_date) VALUES ('e', " + appleSeconds(d) + ")");
   }
   setModified(path, modified);
@@ -91,12 +91,12 @@ void makeCalendar(const std::string& home, const std::vector<double>& ends, doub
 void makeMail(const std::string& home, const std::string& version,
               const std::vector<double>& received) {
   std::string path = home + "/Library/Mail/" + version + "/MailData/Envelope Index";
-  teststores::exec(path, teststores::schema("mail-index.sql"));
+  tesk_test::makeDB(path, tesk_test::schema("mail-index.sql"));
   for (double d : received) {
-    teststores::exec(path,
-                     "INSERT INTO messages (global_message_id, subject, mailbox, date_received) "
-                     "VALUES (1, 1, 1, " +
-                         std::to_string(static_cast<int64_t>(d)) + ")");
+    tesk_test::makeDB(path,
+                      "INSERT INTO messages (global_message_id, subject, mailbox, date_received) "
+                      "VALUES (1, 1, 1, " +
+                          std::to_string(static_cast<int64_t>(d)) + ")");
   }
 }
 
@@ -157,7 +157,7 @@ TEST(TeskDoctor, EpochConversions) {
 }
 
 TEST(TeskDoctor, ProbeTableAndItsColumnsExistInTheRealSchemas) {
-  TestDir home;
+  tesk_test::TempHome home;
   auto probes = TeskDoctor::probes(home.path());
   std::vector<std::string> keys;
   for (const auto& p : probes) keys.push_back(p.key);
@@ -184,14 +184,14 @@ TEST(TeskDoctor, ProbeTableAndItsColumnsExistInTheRealSchemas) {
     }
     ASSERT_NE(probe, nullptr);
     std::string path = home.path() + "/schema-" + s.key + ".sqlite";
-    teststores::exec(path, teststores::schema(s.file));
+    tesk_test::makeDB(path, tesk_test::schema(s.file));
     TeskStore store(path);
     EXPECT_TRUE(store.columnExists(probe->column, probe->table)) << s.key;
   }
 }
 
 TEST(TeskDoctor, MailIndexPathPicksTheHighestVersionThatExists) {
-  TestDir home;
+  tesk_test::TempHome home;
   EXPECT_EQ(TeskDoctor::mailIndexPath(home.path()), std::nullopt);
   makeMail(home.path(), "V9", {});
   makeMail(home.path(), "V2", {});
@@ -204,7 +204,7 @@ TEST(TeskDoctor, MailIndexPathPicksTheHighestVersionThatExists) {
 }
 
 TEST(TeskDoctor, AddressBookPathsListEverySource) {
-  TestDir home;
+  tesk_test::TempHome home;
   std::string d = home.path() + kBooks;
   EXPECT_THAT(TeskDoctor::addressBookPaths(home.path()),
               ElementsAre(d + "/AddressBook-v22.abcddb"));
@@ -216,7 +216,7 @@ TEST(TeskDoctor, AddressBookPathsListEverySource) {
 }
 
 TEST(TeskDoctor, ResolvedKeepsExistingCandidates) {
-  TestDir home;
+  tesk_test::TempHome home;
   std::string a = home.write("a", ""), c = home.write("c", "");
   Probe p;
   p.paths = {home.path() + "/missing", a, home.path() + "/b", c};
@@ -226,7 +226,7 @@ TEST(TeskDoctor, ResolvedKeepsExistingCandidates) {
 }
 
 TEST(TeskDoctor, EmptyHome) {
-  TestDir home;
+  tesk_test::TempHome home;
   auto rows = TeskDoctor::run(kNow, home.path());
   ASSERT_EQ(rows.size(), 9u);
   EXPECT_EQ(rows.back().key, "optel");
@@ -248,18 +248,18 @@ TEST(TeskDoctor, EmptyHome) {
 }
 
 TEST(TeskDoctor, NanosecondStoreExcludesFutureRowsSecondStoreCountsThem) {
-  TestDir home;
+  tesk_test::TempHome home;
   makeChat(home.path(), {kNow - 7200, kNow - 3600, kNow + 1800, kNow + 7200, kNow + 90000});
   // Safari keeps seconds in an apple-epoch column: against a nanosecond cutoff every row
   // counts, the future one included.
-  teststores::exec(home.path() + kSafari,
-                   "CREATE TABLE history_visits (id INTEGER PRIMARY KEY, visit_time REAL);"
-                   "INSERT INTO history_visits (visit_time) VALUES (" +
-                       appleSeconds(kNow - 36000) + "), (" + appleSeconds(kNow - 7200.5) + ");");
-  teststores::exec(home.path() + kChrome,
-                   "CREATE TABLE visits (id INTEGER PRIMARY KEY, visit_time INTEGER);"
-                   "INSERT INTO visits (visit_time) VALUES (" +
-                       webkit(kNow - 30 * 3600) + "), (" + webkit(kNow + 86400) + ");");
+  tesk_test::makeDB(home.path() + kSafari,
+                    "CREATE TABLE history_visits (id INTEGER PRIMARY KEY, visit_time REAL);"
+                    "INSERT INTO history_visits (visit_time) VALUES (" +
+                        appleSeconds(kNow - 36000) + "), (" + appleSeconds(kNow - 7200.5) + ");");
+  tesk_test::makeDB(home.path() + kChrome,
+                    "CREATE TABLE visits (id INTEGER PRIMARY KEY, visit_time INTEGER);"
+                    "INSERT INTO visits (visit_time) VALUES (" +
+                        webkit(kNow - 30 * 3600) + "), (" + webkit(kNow + 86400) + ");");
   auto rows = TeskDoctor::run(kNow, home.path());
 
   const Row* im = find(rows, "im");
@@ -293,7 +293,7 @@ TEST(TeskDoctor, NanosecondStoreExcludesFutureRowsSecondStoreCountsThem) {
 }
 
 TEST(TeskDoctor, EmptyStoreIsAbsentWithZeroRows) {
-  TestDir home;
+  tesk_test::TempHome home;
   makeChat(home.path(), {});
   auto rows = TeskDoctor::run(kNow, home.path());
   const Row* im = find(rows, "im");
@@ -306,13 +306,13 @@ TEST(TeskDoctor, EmptyStoreIsAbsentWithZeroRows) {
 }
 
 TEST(TeskDoctor, AggregateStoresAreSummedAndModesJoined) {
-  TestDir home;
+  tesk_test::TempHome home;
   makeReminders(home.path(), "Data-A.sqlite", {kNow - 3600, kNow - 7200});
   makeReminders(home.path(), "Data-B.sqlite", {kNow - 1800});
   home.write(kReminders.substr(1) + "Other.sqlite", "not a store");
   // Keep B in WAL mode with its -wal file present while the doctor reads it.
   std::string b = home.path() + kReminders + "Data-B.sqlite";
-  teststores::exec(b, "PRAGMA journal_mode=WAL;");
+  tesk_test::makeDB(b, "PRAGMA journal_mode=WAL;");
   sqlite3* raw = nullptr;
   ASSERT_EQ(sqlite3_open_v2(b.c_str(), &raw, SQLITE_OPEN_READWRITE, nullptr), SQLITE_OK);
   std::unique_ptr<sqlite3, decltype(&sqlite3_close_v2)> holder(raw, &sqlite3_close_v2);
@@ -338,9 +338,9 @@ TEST(TeskDoctor, AggregateStoresAreSummedAndModesJoined) {
 }
 
 TEST(TeskDoctor, OneBrokenStoreOfTwoIsSkipped) {
-  TestDir home;
+  tesk_test::TempHome home;
   makeReminders(home.path(), "Data-A.sqlite", {kNow - 3600});
-  teststores::exec(home.path() + kReminders + "Data-B.sqlite", "CREATE TABLE other (x);");
+  tesk_test::makeDB(home.path() + kReminders + "Data-B.sqlite", "CREATE TABLE other (x);");
   auto rows = TeskDoctor::run(kNow, home.path());
   const Row* r = find(rows, "reminder");
   ASSERT_NE(r, nullptr);
@@ -358,22 +358,22 @@ TEST(TeskDoctor, UnreadableStoresAreDeniedWithTheFirstFailure) {
   };
   const Case cases[] = {
       {"schema moved",
-       [](const std::string& home) { teststores::exec(home + kChat, "CREATE TABLE other (x);"); },
+       [](const std::string& home) { tesk_test::makeDB(home + kChat, "CREATE TABLE other (x);"); },
        "schema moved: sql: no such table: message — iMessage"},
       {"column moved",
        [](const std::string& home) {
-         teststores::exec(home + kChat, "CREATE TABLE message (ROWID INTEGER PRIMARY KEY);");
+         tesk_test::makeDB(home + kChat, "CREATE TABLE message (ROWID INTEGER PRIMARY KEY);");
        },
        "schema moved: sql: no such column: date — iMessage"},
       {"not a database",
-       [](const std::string& home) { TestDir::writeFile(home + kChat, std::string(8192, 'z')); },
+       [](const std::string& home) { tesk_test::writeFile(home + kChat, std::string(8192, 'z')); },
        "schema moved: sql: file is not a database — iMessage"},
       {"a folder where the file should be",
        [](const std::string& home) { fs::create_directories(home + kChat); }, "cannot read "},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    TestDir home;
+    tesk_test::TempHome home;
     c.make(home.path());
     auto rows = TeskDoctor::run(kNow, home.path());
     const Row* im = find(rows, "im");
@@ -406,7 +406,7 @@ TEST(TeskDoctor, ForwardLookingStoreIsJudgedByItsModificationTime) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    TestDir home;
+    tesk_test::TempHome home;
     // Every event lies in the future; that is what a calendar holds.
     makeCalendar(home.path(), {kNow + 86400, kNow + 30 * 86400}, kNow + c.modifiedOffset);
     auto rows = TeskDoctor::run(kNow, home.path());
@@ -421,7 +421,7 @@ TEST(TeskDoctor, ForwardLookingStoreIsJudgedByItsModificationTime) {
 }
 
 TEST(TeskDoctor, CategoryBAgeVersusCategoryA) {
-  TestDir home;
+  tesk_test::TempHome home;
   makeChat(home.path(), {kNow - 200 * 3600});
   makeMail(home.path(), "V10", {kNow - 200 * 3600});
   auto rows = TeskDoctor::run(kNow, home.path());
@@ -435,8 +435,8 @@ TEST(TeskDoctor, CategoryBAgeVersusCategoryA) {
 
 void makeGoogleAccount(const std::string& home, int active, int authenticated) {
   std::string path = home + "/Library/Accounts/Accounts4.sqlite";
-  teststores::exec(path, teststores::schema("accounts.ios-Accounts3.sql"));
-  teststores::exec(
+  tesk_test::makeDB(path, tesk_test::schema("accounts.ios-Accounts3.sql"));
+  tesk_test::makeDB(
       path,
       "INSERT INTO ZACCOUNTTYPE (Z_PK, ZACCOUNTTYPEDESCRIPTION) VALUES (1, 'Google');"
       "INSERT INTO ZACCOUNT (Z_PK, ZACTIVE, ZAUTHENTICATED, ZACCOUNTTYPE) VALUES (1, " +
@@ -444,7 +444,7 @@ void makeGoogleAccount(const std::string& home, int active, int authenticated) {
 }
 
 TEST(TeskDoctor, FailingGrantTurnsFreshMirrorsPartial) {
-  TestDir home;
+  tesk_test::TempHome home;
   makeGoogleAccount(home.path(), 1, 0);
   makeCalendar(home.path(), {kNow + 86400}, kNow - 600);
   makeMail(home.path(), "V10", {kNow - 400 * 3600});
@@ -479,21 +479,21 @@ TEST(TeskDoctor, FailingGrantTurnsFreshMirrorsPartial) {
 
 TEST(TeskDoctor, HealthyOrMissingAccountGivesNoCause) {
   for (int authenticated : {1, -1}) {
-    TestDir home;
+    tesk_test::TempHome home;
     if (authenticated == 1) makeGoogleAccount(home.path(), 1, 1);
     makeCalendar(home.path(), {kNow + 86400}, kNow - 600);
     auto rows = TeskDoctor::run(kNow, home.path());
     EXPECT_EQ(find(rows, "cal")->verdict, Verdict::fresh);
     EXPECT_FALSE(find(rows, "cal")->cause.has_value());
   }
-  TestDir inactive;
+  tesk_test::TempHome inactive;
   makeGoogleAccount(inactive.path(), 0, 0);
   makeCalendar(inactive.path(), {kNow + 86400}, kNow - 600);
   EXPECT_FALSE(find(TeskDoctor::run(kNow, inactive.path()), "cal")->cause.has_value());
 }
 
 TEST(TeskDoctor, AbsentMirrorStillCarriesItsCause) {
-  TestDir home;
+  tesk_test::TempHome home;
   makeGoogleAccount(home.path(), 1, 0);
   auto rows = TeskDoctor::run(kNow, home.path());
   const Row* cal = find(rows, "cal");

@@ -6,7 +6,7 @@
 #include <filesystem>
 
 #include "cli/TeskTime.h"
-#include "health/TestDir.h"
+#include "common/TeskTestHome.h"
 #include "health/TestStores.h"
 #include "store/TeskStore.h"
 
@@ -42,7 +42,7 @@ std::string accountsPath(const std::string& home) {
 void makeAccounts(const std::string& home, const std::vector<Account>& accounts,
                   bool archivedNames = true) {
   std::string path = accountsPath(home);
-  teststores::exec(path, teststores::schema("accounts.ios-Accounts3.sql"));
+  tesk_test::makeDB(path, tesk_test::schema("accounts.ios-Accounts3.sql"));
   const char* names[] = {"Mail", "Calendars", "Contacts", "Notes"};
   for (int i = 0; i < 4; ++i) {
     std::string full = std::string("com.apple.Dataclass.") + names[i];
@@ -51,8 +51,8 @@ void makeAccounts(const std::string& home, const std::vector<Account>& accounts,
           path, "INSERT INTO ZDATACLASS (Z_PK, ZNAME) VALUES (" + std::to_string(i + 1) + ", ?)",
           teststores::keyedString(full));
     } else {
-      teststores::exec(path, "INSERT INTO ZDATACLASS (Z_PK, ZNAME) VALUES (" +
-                                 std::to_string(i + 1) + ", '" + full + "')");
+      tesk_test::makeDB(path, "INSERT INTO ZDATACLASS (Z_PK, ZNAME) VALUES (" +
+                                  std::to_string(i + 1) + ", '" + full + "')");
     }
   }
   int64_t pk = 10;
@@ -60,7 +60,7 @@ void makeAccounts(const std::string& home, const std::vector<Account>& accounts,
     ++pk;
     std::string rejection = a.rejection ? std::to_string(*a.rejection) : "NULL";
     std::string parent = a.parent ? std::to_string(*a.parent) : "NULL";
-    teststores::exec(
+    tesk_test::makeDB(
         path, "INSERT INTO ZACCOUNTTYPE (Z_PK, ZACCOUNTTYPEDESCRIPTION) VALUES (" +
                   std::to_string(pk) + ", '" + a.type + "');" +
                   "INSERT INTO ZACCOUNT (Z_PK, ZACTIVE, ZAUTHENTICATED, ZACCOUNTTYPE, "
@@ -72,8 +72,8 @@ void makeAccounts(const std::string& home, const std::vector<Account>& accounts,
                   ", " + sqlText(a.username) + ");");
     for (const std::string& d : a.dataclasses) {
       int id = d == "Mail" ? 1 : d == "Calendars" ? 2 : d == "Contacts" ? 3 : 4;
-      teststores::exec(path, "INSERT INTO Z_2ENABLEDDATACLASSES VALUES (" + std::to_string(pk) +
-                                 ", " + std::to_string(id) + ")");
+      tesk_test::makeDB(path, "INSERT INTO Z_2ENABLEDDATACLASSES VALUES (" + std::to_string(pk) +
+                                  ", " + std::to_string(id) + ")");
     }
   }
 }
@@ -86,11 +86,11 @@ std::string calendarPath(const std::string& home) {
 void makeCalendarErrors(const std::string& home, const std::string& name,
                         const std::vector<std::vector<uint8_t>>& blobs) {
   std::string path = calendarPath(home);
-  teststores::exec(path, teststores::schema("calendar.sql"));
-  teststores::exec(path,
-                   "INSERT INTO Store (ROWID, name) VALUES (1, 'Other');"
-                   "INSERT INTO Store (ROWID, name) VALUES (2, '" +
-                       name + "');");
+  tesk_test::makeDB(path, tesk_test::schema("calendar.sql"));
+  tesk_test::makeDB(path,
+                    "INSERT INTO Store (ROWID, name) VALUES (1, 'Other');"
+                    "INSERT INTO Store (ROWID, name) VALUES (2, '" +
+                        name + "');");
   for (const auto& b : blobs) {
     teststores::execBlob(path, "INSERT INTO Error (store_owner_id, user_info) VALUES (2, ?)", b);
   }
@@ -181,7 +181,7 @@ TEST(TeskGrant, StatusSummary) {
 }
 
 TEST(TeskGrant, RealAccountsStoreFindsTheGmailAccount) {
-  TestDir home;
+  tesk_test::TempHome home;
   fs::create_directories(home.path() + "/Library/Accounts");
   fs::copy_file(std::string(TESK_TEST_DATA) + "/accounts/plaso_ios_Accounts3.sqlite",
                 accountsPath(home.path()));
@@ -260,7 +260,7 @@ TEST(TeskGrant, AccountRowsTable) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    TestDir home;
+    tesk_test::TempHome home;
     makeAccounts(home.path(), c.accounts, c.archived);
     Link l = TeskGrant::link("Google", home.path());
     EXPECT_EQ(l.active, c.active);
@@ -277,7 +277,7 @@ TEST(TeskGrant, AccountRowsTable) {
 }
 
 TEST(TeskGrant, RejectionDateAndIdentifier) {
-  TestDir home;
+  tesk_test::TempHome home;
   Account a;
   a.rejection = 800000000;  // seconds since 2001
   a.identifier = "ID-9";
@@ -291,16 +291,16 @@ TEST(TeskGrant, RejectionDateAndIdentifier) {
 }
 
 TEST(TeskGrant, EnabledMirrorsDiscoversTheJoinTable) {
-  TestDir home;
+  tesk_test::TempHome home;
   std::string path = home.path() + "/a.sqlite";
-  teststores::exec(path,
-                   "CREATE TABLE ZDATACLASS (Z_PK INTEGER PRIMARY KEY, ZNAME BLOB);"
-                   "INSERT INTO ZDATACLASS VALUES (4, 'com.apple.Dataclass.Contacts');"
-                   "INSERT INTO ZDATACLASS VALUES (5, 'com.apple.Dataclass.Calendars');"
-                   "INSERT INTO ZDATACLASS VALUES (6, 'com.apple.Dataclass.Mail');"
-                   "CREATE TABLE Z_5ENABLEDDATACLASSES (Z_9ENABLEDDATACLASSES INTEGER, "
-                   "  Z_5ENABLEDACCOUNTS INTEGER);"
-                   "INSERT INTO Z_5ENABLEDDATACLASSES VALUES (4, 7), (5, 7), (6, 8);");
+  tesk_test::makeDB(path,
+                    "CREATE TABLE ZDATACLASS (Z_PK INTEGER PRIMARY KEY, ZNAME BLOB);"
+                    "INSERT INTO ZDATACLASS VALUES (4, 'com.apple.Dataclass.Contacts');"
+                    "INSERT INTO ZDATACLASS VALUES (5, 'com.apple.Dataclass.Calendars');"
+                    "INSERT INTO ZDATACLASS VALUES (6, 'com.apple.Dataclass.Mail');"
+                    "CREATE TABLE Z_5ENABLEDDATACLASSES (Z_9ENABLEDDATACLASSES INTEGER, "
+                    "  Z_5ENABLEDACCOUNTS INTEGER);"
+                    "INSERT INTO Z_5ENABLEDDATACLASSES VALUES (4, 7), (5, 7), (6, 8);");
   TeskStore store(path);
   EXPECT_EQ(TeskGrant::enabledMirrors(7, store),
             (std::set<Mirror>{Mirror::calendars, Mirror::contacts}));
@@ -327,7 +327,7 @@ TEST(TeskGrant, EnabledMirrorsDiscoversTheJoinTable) {
   };
   for (const Case& c : broken) {
     std::string p = home.path() + "/" + std::to_string(&c - broken) + ".sqlite";
-    teststores::exec(p, c.sql);
+    tesk_test::makeDB(p, c.sql);
     TeskStore s(p);
     EXPECT_TRUE(TeskGrant::enabledMirrors(7, s).empty()) << c.name;
   }
@@ -371,22 +371,22 @@ TEST(TeskGrant, CalendarStoreErrorTakesTheNewestReadableError) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    TestDir home;
+    tesk_test::TempHome home;
     makeCalendarErrors(home.path(), c.storeName, c.blobs);
     EXPECT_EQ(TeskGrant::calendarStoreError(home.path(), "Google"), c.want);
   }
-  TestDir noTable;
-  teststores::exec(calendarPath(noTable.path()), "CREATE TABLE Store (name TEXT);");
+  tesk_test::TempHome noTable;
+  tesk_test::makeDB(calendarPath(noTable.path()), "CREATE TABLE Store (name TEXT);");
   EXPECT_EQ(TeskGrant::calendarStoreError(noTable.path(), "Google"), std::nullopt);
-  TestDir movedTable;
-  teststores::exec(calendarPath(movedTable.path()), "CREATE TABLE Error (x INTEGER);");
+  tesk_test::TempHome movedTable;
+  tesk_test::makeDB(calendarPath(movedTable.path()), "CREATE TABLE Error (x INTEGER);");
   EXPECT_EQ(TeskGrant::calendarStoreError(movedTable.path(), "Google"), std::nullopt);
-  TestDir none;
+  tesk_test::TempHome none;
   EXPECT_EQ(TeskGrant::calendarStoreError(none.path(), "Google"), std::nullopt);
 }
 
 TEST(TeskGrant, ProviderErrorMakesTheLinkBroken) {
-  TestDir home;
+  tesk_test::TempHome home;
   makeAccounts(home.path(), {Account{}});
   makeCalendarErrors(home.path(), "Google",
                      {teststores::keyedError({{"EKErrorDomain", 2}, {"NSURLErrorDomain", 401}})});
@@ -413,17 +413,17 @@ TEST(TeskGrant, MissingOrCorruptDatabaseDegrades) {
       {"missing", [](const std::string&) {}},
       {"not a database",
        [](const std::string& home) {
-         TestDir::writeFile(accountsPath(home), std::string(4096, 'x'));
+         tesk_test::writeFile(accountsPath(home), std::string(4096, 'x'));
        }},
       {"no account tables",
        [](const std::string& home) {
-         teststores::exec(accountsPath(home), "CREATE TABLE t (a);");
+         tesk_test::makeDB(accountsPath(home), "CREATE TABLE t (a);");
        }},
       {"a directory", [](const std::string& home) { fs::create_directories(accountsPath(home)); }},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    TestDir home;
+    tesk_test::TempHome home;
     c.make(home.path());
     EXPECT_EQ(TeskGrant::status("Google", home.path()), std::nullopt);
     Link l = TeskGrant::link("Google", home.path());

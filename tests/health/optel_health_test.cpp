@@ -5,7 +5,7 @@
 #include <cmath>
 
 #include "cli/TeskTime.h"
-#include "health/TestDir.h"
+#include "common/TeskTestHome.h"
 
 namespace {
 
@@ -45,7 +45,7 @@ TEST(TeskOptelHealth, UnusableFilesAreAbsent) {
   const std::optional<std::string> contents[] = {
       std::nullopt, "", "not json", "[1,2]", "\"s\"", "{\"heartbeat_at\": ", "null"};
   for (const auto& text : contents) {
-    TestDir home;
+    tesk_test::TempHome home;
     if (text) home.write(".harbend/optel/capture-status.json", *text);
     auto r = TeskOptelHealth::row(home.path(), kNow);
     EXPECT_EQ(r.key, "optel");
@@ -144,7 +144,7 @@ TEST(TeskOptelHealth, HeartbeatVerdictsAndDetail) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    TestDir home;
+    tesk_test::TempHome home;
     home.write(".harbend/optel/capture-status.json", c.json);
     auto r = TeskOptelHealth::row(home.path(), kNow);
     EXPECT_EQ(r.verdict, c.verdict);
@@ -158,7 +158,7 @@ TEST(TeskOptelHealth, HeartbeatVerdictsAndDetail) {
 }
 
 TEST(TeskOptelHealth, RowFieldsFollowTheLastEvent) {
-  TestDir home;
+  tesk_test::TempHome home;
   home.write(".harbend/optel/capture-status.json", R"({"heartbeat_at":")" + at(3) +
                                                        R"(","last_event_at":")" + at(7200) +
                                                        R"(","events_written":42})");
@@ -168,7 +168,7 @@ TEST(TeskOptelHealth, RowFieldsFollowTheLastEvent) {
   EXPECT_DOUBLE_EQ(r.ageHours, 2.0);
   EXPECT_EQ(r.verdict, Verdict::stale);
 
-  TestDir none;
+  tesk_test::TempHome none;
   none.write(".harbend/optel/capture-status.json", R"({"written_at":")" + at(3) + R"("})");
   auto n = TeskOptelHealth::row(none.path(), kNow);
   EXPECT_EQ(n.newest, 0);

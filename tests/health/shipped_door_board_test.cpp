@@ -9,8 +9,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "common/TeskTestHome.h"
 #include "health/TeskPermission.h"
-#include "health/TestDir.h"
 
 namespace {
 
@@ -34,7 +34,7 @@ std::map<Door, bool> fullBoardGrants() {
 }
 
 TEST(TeskShippedDoorBoard, AppURLFindsTheBundleOnlyFromHelpers) {
-  TestDir dir;
+  tesk_test::TempHome dir;
   std::string helper = dir.write("Harbend.app/Contents/Helpers/tesk", "");
   std::string macos = dir.write("Harbend.app/Contents/MacOS/tesk", "");
   std::string notApp = dir.write("Harbend.bundle/Contents/Helpers/tesk", "");
@@ -120,7 +120,7 @@ TEST(TeskShippedDoorBoard, LaterLineForADoorWins) {
 
 // A stand-in for /usr/bin/open: a shell script whose body is `body`; it sees the same
 // argument list ($5 is the .out path, $7 the .err path).
-std::string fakeOpener(const TestDir& dir, const std::string& body) {
+std::string fakeOpener(const tesk_test::TempHome& dir, const std::string& body) {
   std::string path = dir.write("open", "#!/bin/sh\n" + body + "\n");
   ::chmod(path.c_str(), 0755);
   return path;
@@ -136,7 +136,7 @@ std::vector<std::string> leftovers(const std::string& tmp) {
 }
 
 TEST(TeskShippedDoorBoard, LaunchPassesTheArgumentsAndReadsTheBoard) {
-  TestDir dir, tmp;
+  tesk_test::TempHome dir, tmp;
   std::string args = dir.path() + "/args";
   std::string opener =
       fakeOpener(dir, "for a in \"$@\"; do printf '%s\\n' \"$a\" >> '" + args + "'; done\n" +
@@ -174,7 +174,7 @@ TEST(TeskShippedDoorBoard, LaunchPassesTheArgumentsAndReadsTheBoard) {
 }
 
 TEST(TeskShippedDoorBoard, LaunchFailuresYieldNothingAndLeaveNoFiles) {
-  TestDir dir, tmp;
+  tesk_test::TempHome dir, tmp;
   struct Case {
     std::string name;
     std::string body;
@@ -197,7 +197,7 @@ TEST(TeskShippedDoorBoard, LaunchFailuresYieldNothingAndLeaveNoFiles) {
 }
 
 TEST(TeskShippedDoorBoard, HungAppIsTerminatedAtTheBound) {
-  TestDir dir, tmp;
+  tesk_test::TempHome dir, tmp;
   struct Case {
     std::string name;
     std::string body;

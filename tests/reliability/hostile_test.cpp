@@ -155,7 +155,7 @@ TEST(SqlVerb, EveryWritingFormIsRefused) {
   tesk_test::TempHome home, tmp;
   copyDemoHome(home.path());
   const std::string chat = home.path() + "/Library/Messages/chat.db";
-  const std::string before = tesk_test::readText(chat) + tesk_test::readText(chat + "-wal");
+  const std::string before = tesk_test::readFile(chat) + tesk_test::readFile(chat + "-wal");
   const std::string outside = tmp.path() + "/written.db";
   const std::vector<std::string> refused = {
       "DELETE FROM message",
@@ -202,7 +202,7 @@ TEST(SqlVerb, EveryWritingFormIsRefused) {
   EXPECT_TRUE(framed(extension));
 
   EXPECT_FALSE(fs::exists(outside)) << "a statement wrote a file";
-  EXPECT_TRUE(before == tesk_test::readText(chat) + tesk_test::readText(chat + "-wal"))
+  EXPECT_TRUE(before == tesk_test::readFile(chat) + tesk_test::readFile(chat + "-wal"))
       << "the store changed";
   Answer after = tesk({"sql", "SELECT COUNT(*) AS n FROM message"}, home.path(), tmp.path());
   EXPECT_EQ(after.lines.size() > 2 ? after.lines[2] : "",

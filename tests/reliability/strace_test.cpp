@@ -191,7 +191,7 @@ std::map<std::string, std::string> contents(const std::string& home) {
   std::map<std::string, std::string> files;
   for (const auto& e : fs::recursive_directory_iterator(home)) {
     if (!e.is_regular_file() || endsWith(e.path().string(), "-shm")) continue;
-    files[e.path().string()] = tesk_test::readText(e.path().string());
+    files[e.path().string()] = tesk_test::readFile(e.path().string());
   }
   return files;
 }

@@ -3,14 +3,14 @@
 
 #include <cmath>
 
+#include "common/TeskTestHome.h"
 #include "store/TeskFunctions.h"
 #include "store/TeskStore.h"
-#include "store/store_fixture.h"
 
 namespace {
 
-using store_test::DB;
-using store_test::exec;
+using tesk_test::DB;
+using tesk_test::exec;
 using Bytes = std::vector<uint8_t>;
 
 // A minimal legacy archive of an attributed string: enough header for the
@@ -338,16 +338,16 @@ TEST_F(FunctionsTest, FunctionsAreDeterministic) {
 }
 
 TEST(FunctionsStore, EachStoreCountsItsOwnDecodes) {
-  store_test::ScratchDir dir;
+  tesk_test::TempHome dir;
   std::string path = dir.file("chat.db");
   {
-    auto w = store_test::openWriter(path);
+    auto w = tesk_test::openDB(path);
     exec(w.get(),
          "CREATE TABLE message(ROWID INTEGER PRIMARY KEY, text TEXT, attributedBody BLOB);"
          "INSERT INTO message VALUES (1, 'a', NULL), (2, 'b', NULL), (3, NULL, NULL);");
   }
-  TeskStore first(path, {nullptr, dir.path().string()});
-  TeskStore second(path, {nullptr, dir.path().string()});
+  TeskStore first(path, {nullptr, dir.path()});
+  TeskStore second(path, {nullptr, dir.path()});
   std::vector<std::string> bodies;
   first.query("SELECT tesk_body(ROWID, text, attributedBody) FROM message ORDER BY ROWID",
               [&](const TeskRowReader& r) { bodies.push_back(r.text(0).value_or("NULL")); });

@@ -2,20 +2,20 @@
 // how every failure surfaces.
 #include <gtest/gtest.h>
 
+#include "common/TeskTestHome.h"
 #include "store/TeskStore.h"
-#include "store/store_fixture.h"
 
 namespace {
 
-using store_test::exec;
-using store_test::openWriter;
-using store_test::ScratchDir;
+using tesk_test::exec;
+using tesk_test::openDB;
+using tesk_test::TempHome;
 
 class StatementTest : public ::testing::Test {
  protected:
   void SetUp() override {
     path_ = dir_.file("s.db");
-    auto w = openWriter(path_);
+    auto w = openDB(path_);
     exec(w.get(),
          "CREATE TABLE message(ROWID INTEGER PRIMARY KEY, text TEXT, is_read INTEGER, "
          "  attributedBody BLOB, score REAL);"
@@ -23,8 +23,7 @@ class StatementTest : public ::testing::Test {
          "INSERT INTO message VALUES (2, NULL, 0, x'', NULL);"
          "INSERT INTO message VALUES (3, 'o''k', NULL, NULL, -1.75);"
          "CREATE VIEW unread AS SELECT * FROM message WHERE is_read = 0;");
-    store_ =
-        std::make_unique<TeskStore>(path_, TeskStore::Environment{nullptr, tmp_.path().string()});
+    store_ = std::make_unique<TeskStore>(path_, TeskStore::Environment{nullptr, tmp_.path()});
   }
 
   // Every row of `sql` with its column displayed, joined by "|" and rows by ";".
@@ -40,8 +39,8 @@ class StatementTest : public ::testing::Test {
     return out;
   }
 
-  ScratchDir dir_;
-  ScratchDir tmp_;
+  TempHome dir_;
+  TempHome tmp_;
   std::string path_;
   std::unique_ptr<TeskStore> store_;
 };

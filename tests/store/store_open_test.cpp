@@ -6,14 +6,14 @@
 
 #include <fstream>
 
+#include "common/TeskTestHome.h"
 #include "store/TeskStore.h"
-#include "store/store_fixture.h"
 
 namespace {
 
-using store_test::exec;
-using store_test::openWriter;
-using store_test::ScratchDir;
+using tesk_test::exec;
+using tesk_test::openDB;
+using tesk_test::TempHome;
 namespace fs = std::filesystem;
 
 int64_t countRows(TeskStore& store, const std::string& table = "t") {
@@ -32,10 +32,10 @@ int leftoverSnapshots(const fs::path& dir) {
 class StoreOpenTest : public ::testing::Test {
  protected:
   // Snapshots go to their own folder so a leftover is seen, not guessed.
-  TeskStore::Environment env() const { return {nullptr, tmp_.path().string()}; }
+  TeskStore::Environment env() const { return {nullptr, tmp_.path()}; }
 
-  ScratchDir dir_;
-  ScratchDir tmp_;
+  TempHome dir_;
+  TempHome tmp_;
 };
 
 TEST_F(StoreOpenTest, RawValuesOfModes) {
@@ -47,7 +47,7 @@ TEST_F(StoreOpenTest, RawValuesOfModes) {
 TEST_F(StoreOpenTest, RollbackStoreWithoutWalOpensPlain) {
   std::string path = dir_.file("plain.db");
   {
-    auto w = openWriter(path);
+    auto w = openDB(path);
     exec(w.get(), "CREATE TABLE t(x); INSERT INTO t VALUES (1), (2);");
   }
   TeskStore store(path, env());
@@ -59,7 +59,7 @@ TEST_F(StoreOpenTest, RollbackStoreWithoutWalOpensPlain) {
 
 TEST_F(StoreOpenTest, LiveReadOnlySeesFramesStillInTheWal) {
   std::string path = dir_.file("chat.db");
-  auto writer = openWriter(path);
+  auto writer = openDB(path);
   exec(writer.get(),
        "PRAGMA journal_mode=WAL; PRAGMA wal_autocheckpoint=0;"
        "CREATE TABLE t(x); INSERT INTO t VALUES (1);");
@@ -82,7 +82,7 @@ TEST_F(StoreOpenTest, LiveReadOnlySeesFramesStillInTheWal) {
 TEST_F(StoreOpenTest, WalHeaderWithoutWalFileIsCopiedNotGivenNewFiles) {
   std::string path = dir_.file("walheader.db");
   {
-    auto w = openWriter(path);
+    auto w = openDB(path);
     exec(w.get(), "PRAGMA journal_mode=WAL; CREATE TABLE t(x); INSERT INTO t VALUES (1);");
   }  // the last close checkpoints and deletes the -wal
   ASSERT_FALSE(fs::exists(path + "-wal"));
@@ -98,7 +98,7 @@ TEST_F(StoreOpenTest, WalHeaderWithoutWalFileIsCopiedNotGivenNewFiles) {
 
 TEST_F(StoreOpenTest, LockedStoreIsReadThroughSnapshotIncludingWal) {
   std::string path = dir_.file("History");
-  auto writer = openWriter(path);
+  auto writer = openDB(path);
   exec(writer.get(),
        "PRAGMA journal_mode=WAL; PRAGMA wal_autocheckpoint=0;"
        "CREATE TABLE t(x); INSERT INTO t VALUES (1), (2);");
@@ -136,7 +136,7 @@ TEST_F(StoreOpenTest, LockedStoreIsReadThroughSnapshotIncludingWal) {
 
 TEST_F(StoreOpenTest, SnapshotDirectoryFollowsTheStoreThroughMoves) {
   std::string path = dir_.file("moved.db");
-  auto writer = openWriter(path);
+  auto writer = openDB(path);
   exec(writer.get(),
        "PRAGMA journal_mode=WAL; PRAGMA wal_autocheckpoint=0; PRAGMA locking_mode=EXCLUSIVE;"
        "CREATE TABLE t(x); INSERT INTO t VALUES (1);");
@@ -193,7 +193,7 @@ TEST_F(StoreOpenTest, RollbackStoreWithAForeignWalReadsItsOwnRows) {
   // database (the live handle, which would open -shm beside it, is not used).
   std::string path = dir_.file("rollback.db");
   {
-    auto w = openWriter(path);
+    auto w = openDB(path);
     exec(w.get(), "CREATE TABLE t(x); INSERT INTO t VALUES (1);");
   }
   { std::ofstream(path + "-wal", std::ios::binary) << std::string(64, '\x5a'); }
@@ -207,10 +207,9 @@ TEST_F(StoreOpenTest, PathsWithUriCharactersOpenLive) {
   // "?" and "#" would end the file name inside a URI; "%" would start an escape.
   for (std::string name : {"a?b.db", "c#d.db", "e%20f.db", "sp ace.db", "ünï.db", "x&y=z;.db"}) {
     SCOPED_TRACE(name);
-    fs::create_directories(dir_.path() / "q?uery#frag");
-    std::string path = (dir_.path() / "q?uery#frag" / name).string();
+    std::string path = dir_.file("q?uery#frag/" + name);
     {
-      auto w = openWriter(path);
+      auto w = openDB(path);
       exec(w.get(), "CREATE TABLE t(x); INSERT INTO t VALUES ('" + name + "');");
     }
     TeskStore store(path, env());
@@ -242,7 +241,7 @@ TEST_F(StoreOpenTest, OpenErrorsNameTheAskedPath) {
       {missing, env(), TeskStoreError::Kind::denied, "cannot read " + missing + ": no such file",
        false},
       {unreadable,
-       {denyAll, tmp_.path().string()},
+       {denyAll, tmp_.path()},
        TeskStoreError::Kind::denied,
        "cannot read " + unreadable +
            ": permission denied — grant Full Disk Access to this binary's parent process",
@@ -254,8 +253,8 @@ TEST_F(StoreOpenTest, OpenErrorsNameTheAskedPath) {
        "cannot read " + garbage + ": snapshot failed: ",
        true},
       // A directory where the store should be: SQLite cannot open it, nor can it be copied.
-      {dir_.path().string(), env(), TeskStoreError::Kind::denied,
-       "cannot read " + dir_.path().string() + ": snapshot failed: ", true},
+      {dir_.path(), env(), TeskStoreError::Kind::denied,
+       "cannot read " + dir_.path() + ": snapshot failed: ", true},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.path);
@@ -292,7 +291,7 @@ TEST_F(StoreOpenTest, NotADatabaseOpensAsSnapshotAndFailsItsStatements) {
 
 TEST_F(StoreOpenTest, SourceModifiedIsTheNewestOfDbWalAndShm) {
   std::string path = dir_.file("times.db");
-  auto writer = openWriter(path);
+  auto writer = openDB(path);
   exec(writer.get(), "PRAGMA journal_mode=WAL; PRAGMA wal_autocheckpoint=0; CREATE TABLE t(x);");
   auto setTime = [](const std::string& p, time_t sec, long nsec) {
     struct timespec ts[2] = {{sec, nsec}, {sec, nsec}};
@@ -311,7 +310,7 @@ TEST_F(StoreOpenTest, SourceModifiedIsTheNewestOfDbWalAndShm) {
 
 TEST_F(StoreOpenTest, DefaultTemporaryDirectoryComesFromTMPDIR) {
   std::string path = dir_.file("env.db");
-  auto writer = openWriter(path);
+  auto writer = openDB(path);
   exec(writer.get(), "PRAGMA journal_mode=WAL; PRAGMA locking_mode=EXCLUSIVE; CREATE TABLE t(x);");
   const char* old = std::getenv("TMPDIR");
   std::string saved = old ? old : "";
@@ -332,11 +331,11 @@ TEST_F(StoreOpenTest, DefaultTemporaryDirectoryComesFromTMPDIR) {
 TEST_F(StoreOpenTest, SqlFunctionsAreInstalledInEveryMode) {
   std::string plain = dir_.file("p.db");
   {
-    auto w = openWriter(plain);
+    auto w = openDB(plain);
     exec(w.get(), "CREATE TABLE t(x);");
   }
   std::string locked = dir_.file("l.db");
-  auto w = openWriter(locked);
+  auto w = openDB(locked);
   exec(w.get(), "PRAGMA journal_mode=WAL; PRAGMA locking_mode=EXCLUSIVE; CREATE TABLE t(x);");
   for (const std::string& path : {plain, locked}) {
     TeskStore store(path, env());

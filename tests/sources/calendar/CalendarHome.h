@@ -6,17 +6,15 @@
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
-#include <stdlib.h>
 
 #include <cstdarg>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <string>
 
 #include "cli/TeskTime.h"
+#include "common/TeskTestHome.h"
 
 namespace caltest {
 
@@ -31,24 +29,6 @@ inline double iso(const char* text) {
 
 // The store's value for a unix instant.
 inline double stored(double unixSeconds) { return unixSeconds - TeskTime::appleEpochOffset; }
-
-class TempHome {
- public:
-  TempHome() {
-    std::string tmpl = (std::filesystem::temp_directory_path() / "tesk-cal-XXXXXX").string();
-    if (::mkdtemp(tmpl.data()) != nullptr) path_ = tmpl;
-  }
-  ~TempHome() {
-    std::error_code ec;
-    if (!path_.empty()) std::filesystem::remove_all(path_, ec);
-  }
-  TempHome(const TempHome&) = delete;
-  TempHome& operator=(const TempHome&) = delete;
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
 
 struct Item {
   std::optional<std::string> summary = "Event";
@@ -94,31 +74,17 @@ class CalendarHome {
   explicit CalendarHome(std::optional<std::string> schema = std::nullopt) {
     dir_ = home_.path() + kGroupContainer;
     std::filesystem::create_directories(dir_);
-    sqlite3* raw = nullptr;
-    int rc = sqlite3_open(path().c_str(), &raw);
-    db_.reset(raw);
-    EXPECT_EQ(rc, SQLITE_OK);
+    db_ = tesk_test::openDB(path());
     // Fixtures need no durability; fsync per statement made each test take seconds.
     exec("PRAGMA synchronous = OFF; PRAGMA journal_mode = MEMORY");
-    if (!schema) {
-      std::ifstream in(std::string(TESK_TEST_DATA) + "/schemas/calendar.sql");
-      std::stringstream text;
-      text << in.rdbuf();
-      schema = text.str();
-      EXPECT_FALSE(schema->empty());
-    }
+    if (!schema) schema = tesk_test::schema("calendar.sql");
     exec("BEGIN;\n" + *schema + "\nCOMMIT;");
   }
 
   const std::string& home() const { return home_.path(); }
   std::string path() const { return dir_ + "/Calendar.sqlitedb"; }
 
-  void exec(const std::string& sql) {
-    char* err = nullptr;
-    int rc = sqlite3_exec(db_.get(), sql.c_str(), nullptr, nullptr, &err);
-    EXPECT_EQ(rc, SQLITE_OK) << (err ? err : "") << "\n" << sql;
-    sqlite3_free(err);
-  }
+  void exec(const std::string& sql) { tesk_test::exec(db_.get(), sql); }
 
   // printf with SQLite's %Q (quoted or NULL) and %q, then exec.
   void execf(const char* format, ...) {
@@ -175,12 +141,9 @@ class CalendarHome {
   }
 
  private:
-  struct Close {
-    void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
-  };
-  TempHome home_;
+  tesk_test::TempHome home_;
   std::string dir_;
-  std::unique_ptr<sqlite3, Close> db_;
+  tesk_test::DB db_;
 };
 
 }  // namespace caltest

@@ -251,7 +251,7 @@ TEST(TeskCalRead, RowFields) {
 TEST(TeskCalRead, FailuresAreDenialsNotExceptions) {
   const TeskIMessage::Filter f = window();
   {
-    caltest::TempHome empty;
+    tesk_test::TempHome empty;
     TeskCal::Result r = TeskCal::read(f, 0, empty.path(), kWest);
     EXPECT_EQ(r.denied, std::vector<std::string>{"cal: no calendar store on this Mac"});
     EXPECT_TRUE(r.rows.empty());
@@ -260,7 +260,7 @@ TEST(TeskCalRead, FailuresAreDenialsNotExceptions) {
   }
   {
     // The legacy location survives as an empty directory where the file was.
-    caltest::TempHome home;
+    tesk_test::TempHome home;
     const std::string legacy = home.path() + "/Library/Calendars/Calendar.sqlitedb";
     std::filesystem::create_directories(legacy);
     EXPECT_EQ(TeskCal::storePath(home.path()), legacy);

@@ -8,6 +8,7 @@
 #include <sstream>
 #include <string>
 
+#include "common/TeskTestHome.h"
 #include "sources/mail/TeskMail.h"
 
 namespace {
@@ -34,15 +35,8 @@ Body decodeMessage(const std::string& message, Census* out = nullptr) {
   return body;
 }
 
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
-
 std::string dataFile(const std::string& name) {
-  return readFile(std::string(TESK_TEST_DATA) + "/emlx/" + name);
+  return tesk_test::readFile(std::string(TESK_TEST_DATA) + "/emlx/" + name);
 }
 
 TEST(MailDecode, CountLine) {

@@ -11,6 +11,7 @@
 #include <sstream>
 #include <string>
 
+#include "common/TeskTestHome.h"
 #include "sources/mail/TeskMail.h"
 
 namespace {
@@ -26,13 +27,6 @@ const std::string kSentMail = "imap://" + kAccount + "/%5BGmail%5D/Sent%20Mail";
 const std::string kInbox = "imap://" + kAccount + "/INBOX";
 const std::string kSpam = "imap://" + kAccount + "/%5BGmail%5D/Spam";
 
-std::string readText(const fs::path& p) {
-  std::ifstream in(p, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
-
 std::string quoted(const std::string& s) {
   std::string out = "'";
   for (char c : s) {
@@ -47,37 +41,20 @@ std::string emlxFile(const std::string& body, const std::string& type = "text/pl
   return std::to_string(message.size()) + "\n" + message + "<?xml version=\"1.0\"?><plist/>";
 }
 
-struct CloseDB {
-  void operator()(sqlite3* db) const { sqlite3_close(db); }
-};
-
 // A home directory with Library/Mail/V10 holding an Envelope Index.
 class MailHome : public ::testing::Test {
  protected:
   void SetUp() override {
-    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    home_ = fs::path(TESK_BINARY_DIR) / "mail-home" /
-            (std::string(info->test_suite_name()) + "." + info->name());
-    fs::remove_all(home_);
+    home_ = dir_.path();
     version_ = home_ / "Library/Mail/V10";
     fs::create_directories(version_ / "MailData");
-    sqlite3* raw = nullptr;
-    sqlite3_open((version_ / "MailData/Envelope Index").c_str(), &raw);
-    db_.reset(raw);
+    db_ = tesk_test::openDB(version_ / "MailData/Envelope Index");
     exec("PRAGMA synchronous=OFF; PRAGMA journal_mode=MEMORY;");
-    exec(readText(fs::path(TESK_TEST_DATA) / "schemas/mail-index.sql"));
+    exec(tesk_test::schema("mail-index.sql"));
     filter_.includeGroups = false;
   }
-  void TearDown() override {
-    db_.reset();
-    fs::remove_all(home_);
-  }
 
-  void exec(const std::string& sql) {
-    char* error = nullptr;
-    const int rc = sqlite3_exec(db_.get(), sql.c_str(), nullptr, nullptr, &error);
-    ASSERT_EQ(rc, SQLITE_OK) << (error ? error : "") << "\n" << sql.substr(0, 200);
-  }
+  void exec(const std::string& sql) { tesk_test::exec(db_.get(), sql); }
   void mailbox(int64_t id, const std::string& url) {
     exec("INSERT INTO mailboxes(ROWID, url) VALUES(" + std::to_string(id) + ", " + quoted(url) +
          ")");
@@ -156,8 +133,9 @@ class MailHome : public ::testing::Test {
     recipient(103, 10, 0);
   }
 
+  tesk_test::TempHome dir_;
   fs::path home_, version_;
-  std::unique_ptr<sqlite3, CloseDB> db_;
+  tesk_test::DB db_;
   std::map<std::string, int64_t> subjects_;
   TeskIMessage::Filter filter_;
 };

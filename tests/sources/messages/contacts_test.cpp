@@ -4,7 +4,7 @@
 
 #include <filesystem>
 
-#include "sources/web/TempHome.h"
+#include "common/TeskTestHome.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include <filesystem>
 
-#include "sources/web/TempHome.h"
+#include "common/TeskTestHome.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <filesystem>
 
 #include "cli/TeskTime.h"
-#include "sources/web/TempHome.h"
+#include "common/TeskTestHome.h"
 
 namespace {
 
