@@ -90,6 +90,33 @@ TEST(TeskText, FoldedContainment) {
   EXPECT_TRUE(TeskText::containsFolded("anything", ""));
   EXPECT_FALSE(TeskText::containsFolded("plain ascii", "ü"));
   EXPECT_FALSE(TeskText::containsFolded("", "x"));
+  // Texts folded code point by code point must fold as the whole string would.
+  struct Case {
+    const char* hay;
+    const char* needle;
+    bool found;
+  };
+  const Case cases[] = {
+      {"cafe\xcc\x81 au lait \xf0\x9f\x98\x80", "CAFÉ AU", true},  // decomposed é, emoji
+      {"\xea\xb0\x80\xeb\x82\x98 \xf0\x9f\x8d\x95", "\xe1\x84\x80\xe1\x85\xa1", true},  // Hangul
+      {"\xef\xac\x82ight \xe2\x9c\x88", "FLIGHT", true},  // full case folding splits the ligature
+      {"\xe2\x84\xaa"
+       "elvin",
+       "kelvin", true},                                             // KELVIN SIGN folds to k
+      {"\xc4\xb0stanbul", "i\xcc\x87stanbul", true},                // İ folds to i + dot
+      {"\xc3\x85ngstr\xc3\xb6m \xe2\x84\xab", "angstrom a", true},  // Å and ANGSTROM SIGN
+      // Marks with a combining class that are not dropped keep canonical order.
+      {"x\xf0\x9d\x85\xa5\xf0\x9d\x85\xaey", "x\xf0\x9d\x85\xa5\xf0\x9d\x85\xaey", true},
+      {"ab\xff"
+       "cd",
+       "b\xef\xbf\xbd"
+       "c",
+       true},                                                  // ill-formed bytes read as U+FFFD
+      {"\xce\x8c\xce\xbd\xce\xb1", "\xce\xbf\xce\xbd", true},  // Greek tonos dropped
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(TeskText::containsFolded(c.hay, c.needle), c.found) << c.hay << " / " << c.needle;
+  }
   EXPECT_TRUE(TeskText::containsCaseInsensitive("Work Projects", "work"));
   EXPECT_FALSE(TeskText::containsCaseInsensitive("Cafe", "café"));
   EXPECT_EQ(TeskText::trim(" \n\t x y \r\n"), "x y");
