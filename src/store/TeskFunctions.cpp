@@ -91,14 +91,8 @@ void teskIsTapback(sqlite3_context* ctx, int argc, sqlite3_value** argv) {
 
 void teskWho(sqlite3_context* ctx, int argc, sqlite3_value** argv) {
   if (ctx == nullptr || argv == nullptr || argc < 3) return;
-  std::optional<std::string_view> handle = textArg(argv[0]);
-  if (handle && !handle->empty()) {
-    resultText(ctx, *handle);
-  } else if (sqlite3_value_int64(argv[2]) == kGroupStyle) {
-    resultText(ctx, "");
-  } else {
-    resultText(ctx, textArg(argv[1]).value_or(""));
-  }
+  resultText(ctx,
+             TeskFunctions::who(textArg(argv[0]), textArg(argv[1]), sqlite3_value_int64(argv[2])));
 }
 
 void teskCanonical(sqlite3_context* ctx, int argc, sqlite3_value** argv) {
@@ -200,4 +194,12 @@ const TeskFunctions::Decoded& TeskFunctions::decode(int64_t rowID,
 std::optional<std::string> TeskFunctions::body(int64_t rowID, std::optional<std::string_view> text,
                                                TeskDecode::Bytes blob) {
   return decode(rowID, text, blob).stripped;
+}
+
+std::string_view TeskFunctions::who(std::optional<std::string_view> handle,
+                                    std::optional<std::string_view> chatIdentifier, int64_t style) {
+  // "" rather than an empty view: SQLite reads a null pointer as NULL.
+  if (handle && !handle->empty()) return *handle;
+  if (style == kGroupStyle) return "";
+  return chatIdentifier.value_or("");
 }

@@ -58,6 +58,11 @@ class TeskFunctions {
   std::optional<std::string> body(int64_t rowID, std::optional<std::string_view> text,
                                   TeskDecode::Bytes blob);
 
+  // tesk_who's rule: the handle when there is one, else nothing for a group chat,
+  // else the chat's identifier.
+  static std::string_view who(std::optional<std::string_view> handle,
+                              std::optional<std::string_view> chatIdentifier, int64_t style);
+
   // Every fresh decode so far (memo hits are not counted).
   const TeskDecode::Census& census() const { return census_; }
 

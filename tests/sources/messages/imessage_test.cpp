@@ -195,6 +195,11 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(IMessageRead, ChatLookupThroughTheMessageIndexGivesTheSameRows) {
   ChatDB fx;
+  {
+    // Message 9's only chat row is gone: it keeps the chat id and is no orphan.
+    tesk_test::DB db = tesk_test::openDB(fx.path);
+    tesk_test::exec(db.get(), "UPDATE chat_message_join SET chat_id = 99 WHERE message_id = 9");
+  }
   TeskIMessage::Result before;
   {
     TeskStore store(fx.path);
@@ -202,10 +207,7 @@ TEST(IMessageRead, ChatLookupThroughTheMessageIndexGivesTheSameRows) {
     EXPECT_FALSE(TeskIMessage::probe(store).chatJoinIndex);
   }
   {
-    tesk_test::DB db;
-    sqlite3* raw = nullptr;
-    sqlite3_open(fx.path.c_str(), &raw);
-    db.reset(raw);
+    tesk_test::DB db = tesk_test::openDB(fx.path);
     tesk_test::exec(db.get(), "CREATE INDEX cmj_mid ON chat_message_join(message_id)");
   }
   TeskStore store(fx.path);
@@ -214,8 +216,41 @@ TEST(IMessageRead, ChatLookupThroughTheMessageIndexGivesTheSameRows) {
   EXPECT_EQ(ids(after), ids(before));
   EXPECT_EQ(row(after, "im:7")->chatID, 1);  // two chats: the smaller one
   EXPECT_EQ(row(after, "im:6")->chatID, 0);  // no chat
+  EXPECT_EQ(row(before, "im:9")->chatID, 99);
+  EXPECT_EQ(row(after, "im:9")->chatID, 99);
   EXPECT_EQ(after.orphans, before.orphans);
   EXPECT_EQ(after.excludedFiltered, before.excludedFiltered);
+}
+
+// A message without a body is an attachment exactly when it has a visible file, even
+// when the attachment table lacks the columns that list the files.
+TEST(IMessageRead, BodylessMessagesWithVisibleFilesAreAttachments) {
+  ChatDB fx;
+  {
+    tesk_test::DB db = tesk_test::openDB(fx.path);
+    tesk_test::exec(db.get(),
+                    "INSERT INTO message(ROWID,guid,handle_id,date,is_from_me,item_type,"
+                    "is_finished) VALUES (15,'g15',1," +
+                        std::to_string(ns(kNow - 5000)) + ",0,0,1),(16,'g16',1," +
+                        std::to_string(ns(kNow - 4000)) +
+                        ",0,0,1);"
+                        "INSERT INTO chat_message_join(chat_id,message_id) VALUES (1,15),(1,16);"
+                        "INSERT INTO message_attachment_join(message_id,attachment_id) VALUES "
+                        "(15,1),(16,2);");
+  }
+  auto kinds = [&fx] {
+    TeskStore store(fx.path);
+    TeskIMessage::Result r = TeskIMessage::read(store, everything(), fx.home.path());
+    return std::make_pair(row(r, "im:15")->kind, row(r, "im:16")->kind);
+  };
+  const auto withColumns = kinds();
+  EXPECT_EQ(withColumns.first, TeskRow::Kind::attachment);
+  EXPECT_EQ(withColumns.second, TeskRow::Kind::empty);  // its only file is hidden
+  {
+    tesk_test::DB db = tesk_test::openDB(fx.path);
+    tesk_test::exec(db.get(), "ALTER TABLE attachment DROP COLUMN mime_type");
+  }
+  EXPECT_EQ(kinds(), withColumns);
 }
 
 TEST(IMessageStats, WaterfallCountsEachRowOnceAndDecodesNothing) {
