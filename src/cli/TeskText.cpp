@@ -45,6 +45,21 @@ std::string_view trimWith(std::string_view s, bool newlines) {
 
 char asciiLower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c; }
 
+std::u16string fold(std::string_view utf8) {
+  if (auto out = foldByCodePoint(utf8)) return std::move(*out);
+  return foldWhole(utf8);
+}
+
+bool asciiContains(std::string_view hay, std::string_view needleLower) {
+  if (needleLower.empty()) return true;
+  if (needleLower.size() > hay.size()) return false;
+  auto it = std::search(hay.begin(), hay.end(), needleLower.begin(), needleLower.end(),
+                        [](char a, char b) { return asciiLower(a) == b; });
+  return it != hay.end();
+}
+
+}  // namespace
+
 // NFD, drop nonspacing marks, full case folding, over the whole string at once.
 std::u16string foldWhole(std::string_view utf8) {
   UErrorCode status = U_ZERO_ERROR;
@@ -73,11 +88,11 @@ std::u16string foldWhole(std::string_view utf8) {
 // dropped it matters only for a kept mark with a class: that (rare) text, like
 // ill-formed UTF-8, is left to foldWhole. Bodies are mostly ASCII with a few emoji;
 // this path keeps ASCII out of ICU and takes about a quarter of the instructions.
-bool foldByCodePoint(std::string_view utf8, std::u16string& out) {
+std::optional<std::u16string> foldByCodePoint(std::string_view utf8) {
   UErrorCode status = U_ZERO_ERROR;
   const icu::Normalizer2* nfd = icu::Normalizer2::getNFDInstance(status);
-  if (U_FAILURE(status)) return false;
-  out.clear();
+  if (U_FAILURE(status)) return std::nullopt;
+  std::u16string out;
   out.reserve(utf8.size());
   const auto* p = reinterpret_cast<const uint8_t*>(utf8.data());
   const auto n = static_cast<int32_t>(utf8.size());
@@ -92,7 +107,7 @@ bool foldByCodePoint(std::string_view utf8, std::u16string& out) {
     }
     UChar32 c;
     U8_NEXT(p, i, n, c);
-    if (c < 0) return false;
+    if (c < 0) return std::nullopt;
     int32_t keptLength = 0;
     auto keep = [&](UChar32 d) {
       if (u_charType(d) == U_NON_SPACING_MARK) return true;
@@ -103,35 +118,19 @@ bool foldByCodePoint(std::string_view utf8, std::u16string& out) {
     if (nfd->getDecomposition(c, decomposition)) {
       for (int32_t j = 0; j < decomposition.length();) {
         UChar32 d = decomposition.char32At(j);
-        if (!keep(d)) return false;
+        if (!keep(d)) return std::nullopt;
         j += U16_LENGTH(d);
       }
     } else if (!keep(c)) {
-      return false;
+      return std::nullopt;
     }
     if (keptLength == 0) continue;
     int32_t length = u_strFoldCase(folded, 96, kept, keptLength, U_FOLD_CASE_DEFAULT, &status);
-    if (U_FAILURE(status) || length > 96) return false;
+    if (U_FAILURE(status) || length > 96) return std::nullopt;
     out.append(reinterpret_cast<const char16_t*>(folded), static_cast<size_t>(length));
   }
-  return true;
+  return out;
 }
-
-std::u16string fold(std::string_view utf8) {
-  std::u16string out;
-  if (foldByCodePoint(utf8, out)) return out;
-  return foldWhole(utf8);
-}
-
-bool asciiContains(std::string_view hay, std::string_view needleLower) {
-  if (needleLower.empty()) return true;
-  if (needleLower.size() > hay.size()) return false;
-  auto it = std::search(hay.begin(), hay.end(), needleLower.begin(), needleLower.end(),
-                        [](char a, char b) { return asciiLower(a) == b; });
-  return it != hay.end();
-}
-
-}  // namespace
 
 std::string_view trim(std::string_view utf8) { return trimWith(utf8, true); }
 std::string_view trimBlanks(std::string_view utf8) { return trimWith(utf8, false); }

@@ -2,6 +2,7 @@
 // the case- and diacritic-insensitive "contains" that the free-text query uses.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -33,6 +34,13 @@ class Needle {
   std::string ascii_;  // the folded needle when it is all ASCII, else empty
   bool asciiOnly_ = false;
 };
+
+// The search fold (NFD, nonspacing marks dropped, full case folding) computed over
+// the whole string, and code point by code point (nothing when the text needs the
+// whole-string path). Needle uses the second when it answers; a fuzz target holds
+// the two equal.
+std::u16string foldWhole(std::string_view utf8);
+std::optional<std::u16string> foldByCodePoint(std::string_view utf8);
 
 // Case- and diacritic-insensitive containment (no locale).
 bool containsFolded(std::string_view haystack, std::string_view needle);
