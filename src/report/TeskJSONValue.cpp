@@ -84,7 +84,7 @@ class Parser {
       skipSpace();
       Value member;
       if (!value(member, depth)) return false;
-      members.insert_or_assign(std::move(key), std::move(member));
+      members.emplace_back(std::move(key), std::move(member));
       skipSpace();
       if (atEnd()) return false;
       if (peek() == ',') {
@@ -297,8 +297,18 @@ class Parser {
 const Value* Value::member(std::string_view key) const {
   const Object* o = object();
   if (o == nullptr) return nullptr;
-  auto it = o->find(key);
-  return it == o->end() ? nullptr : &it->second;
+  for (auto it = o->rbegin(); it != o->rend(); ++it) {
+    if (it->first == key) return &it->second;
+  }
+  return nullptr;
+}
+
+std::vector<std::string> Value::keys() const {
+  std::vector<std::string> out;
+  if (const Object* o = object()) {
+    for (const auto& [key, value] : *o) out.push_back(key);
+  }
+  return out;
 }
 
 std::optional<Value> parse(std::string_view text) { return Parser(text).document(); }

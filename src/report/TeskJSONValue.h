@@ -4,11 +4,11 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -16,8 +16,9 @@ namespace TeskJSONValue {
 
 struct Value;
 using Array = std::vector<Value>;
-// Keys sorted; a repeated key keeps its last value, as most parsers do.
-using Object = std::map<std::string, Value, std::less<>>;
+// Members in written order, repeats included (the tests check tesk's own key order);
+// member() reads a repeated key's last value, as most parsers do.
+using Object = std::vector<std::pair<std::string, Value>>;
 
 // One parsed JSON value. Numbers are doubles.
 struct Value {
@@ -32,6 +33,8 @@ struct Value {
   const Object* object() const { return std::get_if<Object>(&v); }
   // The member `key` of an object, or null when this is not an object or lacks it.
   const Value* member(std::string_view key) const;
+  // An object's keys in written order; empty for anything else.
+  std::vector<std::string> keys() const;
 };
 
 // Deepest nesting of arrays and objects accepted.

@@ -10,7 +10,7 @@
 #include <sstream>
 
 #include "cli/TeskTime.h"
-#include "report/json_reader.h"
+#include "report/TeskJSONValue.h"
 
 namespace {
 
@@ -221,7 +221,7 @@ TEST(TeskEmitter, JsonLineKeysValuesAndOmissions) {
             "\"iso\":\"2026-01-01T00:00:00Z\",\"kind\":\"text\",\"src\":\"im\","
             "\"start\":\"2025-12-31T23:00:00Z\",\"tesk_id\":\"15550001\",\"ts\":1767225600,"
             "\"unread\":true,\"who\":\"+1 (555) 000\"}");
-  auto parsed = testjson::parse(line);
+  auto parsed = TeskJSONValue::parse(line);
   ASSERT_TRUE(parsed);
   auto keys = parsed->keys();
   EXPECT_TRUE(std::is_sorted(keys.begin(), keys.end()));
@@ -245,9 +245,9 @@ TEST(TeskEmitter, JsonTsIsPlainShortestDecimal) {
   for (const auto& c : cases) {
     std::string line = TeskEmitter::jsonLine(makeRow(1, c.ts), true);
     EXPECT_NE(line.find(std::string(",\"ts\":") + c.text + ","), std::string::npos) << line;
-    auto parsed = testjson::parse(line);
+    auto parsed = TeskJSONValue::parse(line);
     ASSERT_TRUE(parsed) << line;
-    EXPECT_EQ(parsed->find("ts")->n, c.ts) << line;  // reads back exactly
+    EXPECT_EQ(*parsed->member("ts")->number(), c.ts) << line;  // reads back exactly
   }
   for (double bad : {std::nan(""), std::numeric_limits<double>::infinity()}) {
     EXPECT_EQ(TeskEmitter::jsonLine(makeRow(1, bad), true), "{}");
@@ -257,7 +257,7 @@ TEST(TeskEmitter, JsonTsIsPlainShortestDecimal) {
 TEST(TeskEmitter, JsonFormatWritesNoHeader) {
   auto out = emitter(TeskFormat::json, 2, 1).emit(series(3));
   ASSERT_EQ(out.lines.size(), 2u);
-  for (const auto& line : out.lines) EXPECT_TRUE(testjson::parse(line)) << line;
+  for (const auto& line : out.lines) EXPECT_TRUE(TeskJSONValue::parse(line)) << line;
   EXPECT_NE(out.lines[0].find("\"id\":\"im:2\""), std::string::npos);
   EXPECT_TRUE(out.capped);
   EXPECT_EQ(*out.next, "--until 2026-01-01T00:01:00Z");

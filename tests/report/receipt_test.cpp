@@ -4,7 +4,7 @@
 
 #include <functional>
 
-#include "report/json_reader.h"
+#include "report/TeskJSONValue.h"
 
 namespace {
 
@@ -75,7 +75,7 @@ TEST(TeskReceipt, EveryPartInOrderWhenAllAreSet) {
       "\"spill\":\"/tmp/tesk/0000abcd.tsv\",\"next\":\"--until 2026-05-17T00:00:00Z\","
       "\"notes\":[\"second\",\"first\"],\"ms\":42}");
   // Everything the receipt writes here is JSON after the prefix.
-  EXPECT_TRUE(testjson::parse(r.render().substr(6)));
+  EXPECT_TRUE(TeskJSONValue::parse(r.render().substr(6)));
 }
 
 TEST(TeskReceipt, DecodeRateIsFiveDecimalsOverArchivedBodiesOnly) {
