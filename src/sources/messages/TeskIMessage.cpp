@@ -112,10 +112,6 @@ bool leadsWithMessageID(TeskStore& store, const std::string& table) {
              .value_or(0) > 0;
 }
 
-}  // namespace
-
-namespace {
-
 // Stores older than reactions have no tapbacks: their type reads as 0.
 std::string withoutMissingType(const Schema& schema, std::string sql) {
   if (schema.associatedType) return sql;
@@ -317,16 +313,22 @@ Result stats(TeskStore& store, const Filter& filter) {
 
 namespace {
 
+// The visible attachments of messages lo..hi (two binds): the message id, then `columns`.
+std::string visibleAttachments(const Schema& schema, const char* columns) {
+  std::string sql = std::string("SELECT maj.message_id") + columns +
+                    "\nFROM message_attachment_join maj\nJOIN attachment a ON a.ROWID = "
+                    "maj.attachment_id\nWHERE maj.message_id BETWEEN ? AND ?";
+  if (schema.hideAttachment) sql += " AND COALESCE(a.hide_attachment, 0) = 0";
+  return sql;
+}
+
 void attachRows(TeskStore& store, const Schema& schema, const std::string& home,
                 const std::unordered_map<int64_t, std::vector<size_t>>& index, int64_t lo,
                 int64_t hi, Result& result) {
   if (schema.hideAttachment) result.hiddenAttachments = store.scalarInt(kHiddenCount).value_or(0);
-  std::string sql =
-      "SELECT maj.message_id, a.filename, a.transfer_name, a.mime_type, a.total_bytes\n"
-      "FROM message_attachment_join maj\nJOIN attachment a ON a.ROWID = maj.attachment_id\n"
-      "WHERE maj.message_id BETWEEN ? AND ?";
-  if (schema.hideAttachment) sql += " AND COALESCE(a.hide_attachment, 0) = 0";
-  sql += "\nORDER BY maj.message_id, a.ROWID";
+  const std::string sql =
+      visibleAttachments(schema, ", a.filename, a.transfer_name, a.mime_type, a.total_bytes") +
+      "\nORDER BY maj.message_id, a.ROWID";
   try {
     store.query(sql, {lo, hi}, [&](const TeskRowReader& r) {
       auto it = index.find(r.integer(0));
@@ -343,12 +345,8 @@ void attachRows(TeskStore& store, const Schema& schema, const std::string& home,
   } catch (const TeskStoreError&) {
     // The rows keep what they have; attachments are garnish, not the answer. Their
     // kind still follows the visible count, which needs no attachment column.
-    std::string count =
-        "SELECT maj.message_id FROM message_attachment_join maj\n"
-        "JOIN attachment a ON a.ROWID = maj.attachment_id\nWHERE maj.message_id BETWEEN ? AND ?";
-    if (schema.hideAttachment) count += " AND COALESCE(a.hide_attachment, 0) = 0";
     try {
-      store.query(count, {lo, hi}, [&](const TeskRowReader& r) {
+      store.query(visibleAttachments(schema, ""), {lo, hi}, [&](const TeskRowReader& r) {
         auto it = index.find(r.integer(0));
         if (it == index.end()) return;
         for (size_t pos : it->second) {
