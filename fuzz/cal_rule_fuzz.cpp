@@ -47,6 +47,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // Starts from two years before the window to inside it.
   const double start = kFrom - 730 * 86400.0 + static_cast<double>(data[9]) * 86400.0 * 4;
   TeskCal::Expansion e = TeskCal::occurrences(rule, start, zone, allDay, kFrom, kTo, 400, "UTC");
+  // A rule with a key the expansion does not implement yields nothing at all.
+  if (!TeskCal::Specifier::expandable(specifier) && (!e.incomplete || !e.instants.empty())) {
+    __builtin_trap();
+  }
   for (double t : e.instants) {
     if (!std::isfinite(t) || t < kFrom || t > kTo) __builtin_trap();
     if (rule.end && t > *rule.end) __builtin_trap();

@@ -48,7 +48,8 @@ struct Rule {
 struct Expansion {
   std::vector<double> instants;  // unix seconds, in generation order
   // The expansion stopped before it could prove it reached the window's end (the
-  // period ceiling ran out, a date could not be formed, or there was no frequency).
+  // period ceiling ran out, a date could not be formed, or there was no frequency),
+  // or the rule's specifier is not expandable() and nothing was expanded.
   bool incomplete = false;
 };
 
@@ -68,9 +69,15 @@ struct Specifier {
   // Parses "K=v,v;K=v". D items are [ordinal]CODE (the code is the last two
   // characters, upper-cased; an ordinal that is empty or not a decimal integer is 0;
   // unknown codes drop the item); O items are signed decimal months (bad ones are
-  // dropped); other keys and pieces without "=" are ignored. Nothing when no day
-  // survives, so a months list alone is no specifier.
+  // dropped); other keys and pieces without "=" are ignored here (see
+  // expandable()). Nothing when no day survives, so a months list alone is no
+  // specifier.
   static std::optional<Specifier> parse(std::string_view text);
+
+  // False when `text` holds a key other than D and O (days of the month "M=1,15",
+  // a set position "S=-1", ...): expanding the rest of such a rule would yield dates
+  // Calendar never shows, so the rule is not expanded at all.
+  static bool expandable(std::string_view text);
 
   // Positional weekdays: for P's year and each month of `months` (P's own month when
   // empty), each (ordinal, weekday) of `days` as the month's n-th such weekday at

@@ -120,7 +120,8 @@ Expansion occurrences(const Rule& rule, double start, const std::string& zone, b
 Expansion occurrences(const Rule& rule, double start, icu::Calendar& cal, bool allDay, double from,
                       double to, int64_t ceiling) {
   Expansion out;
-  if (!rule.frequency || !std::isfinite(start)) {
+  if (!rule.frequency || !std::isfinite(start) ||
+      (rule.specifier && !Specifier::expandable(*rule.specifier))) {
     out.incomplete = true;
     return out;
   }

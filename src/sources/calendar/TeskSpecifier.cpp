@@ -140,6 +140,17 @@ std::optional<Specifier> Specifier::parse(std::string_view text) {
   return parsed;
 }
 
+bool Specifier::expandable(std::string_view text) {
+  bool known = true;
+  forEachPiece(text, ';', [&](std::string_view piece) {
+    size_t eq = piece.find('=');
+    if (eq == std::string_view::npos) return;
+    std::string_view key = piece.substr(0, eq);
+    if (key != "D" && key != "O") known = false;
+  });
+  return known;
+}
+
 std::vector<double> Specifier::dates(double period, icu::Calendar& cal, double timeOfDay,
                                      bool allDay) const {
   std::vector<double> out;

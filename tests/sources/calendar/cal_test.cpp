@@ -120,6 +120,22 @@ TEST(TeskCalRead, ExpandsRulesAndRemovesExceptionsAndDetachedInstances) {
   EXPECT_EQ(r.perCalendar, (std::map<std::string, int64_t>{{"Home", 10}}));
 }
 
+TEST(TeskCalRead, RulesWithUnimplementedKeysAreCountedNotHalfExpanded) {
+  CalendarHome store;
+  store.calendar("Home");
+  for (const char* specifier : {"D=0MO,0TU,0WE,0TH,0FR;S=-1", "M=1,15"}) {
+    caltest::Recurrence monthly = every(3);
+    monthly.specifier = specifier;
+    store.recurrence(store.item(event(specifier, "2026-01-30T17:00:00Z")), monthly);
+  }
+  TeskCal::Result r = TeskCal::read(window(), 0, store.home(), kWest);
+  EXPECT_TRUE(r.rows.empty());
+  EXPECT_EQ(std::vector<int64_t>({r.recurring, r.unsupported, r.generated}),
+            std::vector<int64_t>({2, 2, 0}));
+  EXPECT_EQ(TeskCal::notes(r).back(),
+            "CAL RULES NOT EXPANDED: 2 \xE2\x80\x94 those events are MISSING from this answer");
+}
+
 TEST(TeskCalRead, WindowEdgesAreInclusiveAndTheDefaultLooksAhead) {
   CalendarHome store;
   store.calendar("Home");

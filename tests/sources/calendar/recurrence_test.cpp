@@ -139,6 +139,14 @@ const std::vector<Case> kCases = {
     {"a months list on a weekly rule selects each date once", rule(weekly, 1, 0, "D=+1MO;O=6"),
      "2026-05-04 09:00", "2026-01-01", "2026-08-31", "2026-06-01 09:00"},
     {"no frequency", rule(0), "2026-03-01 09:00", "2026-03-01", "2026-03-31", "", true},
+    // Keys the expansion does not implement: the whole rule is left out, never the
+    // part of it that D and O describe.
+    {"days of the month are not expanded", rule(monthly, 1, 0, "M=1,15"), "2026-03-01 09:00",
+     "2026-03-01", "2026-05-31", "", true},
+    {"last weekday of the month is not expanded", rule(monthly, 1, 0, "D=0MO,0TU,0WE,0TH,0FR;S=-1"),
+     "2026-03-31 09:00", "2026-03-01", "2026-05-31", "", true},
+    {"a week number beside known keys is not expanded", rule(yearly, 1, 0, "D=0MO;O=5;W=20"),
+     "2026-05-11 09:00", "2026-01-01", "2027-12-31", "", true},
 };
 
 TEST(TeskCalOccurrences, ExpandsRulesAsWallClockTimesInEveryZone) {
@@ -223,6 +231,17 @@ TEST(TeskCalSpecifier, Parse) {
     if (!s) continue;
     EXPECT_EQ(s->days, c.days);
     EXPECT_EQ(s->months, c.months);
+  }
+}
+
+TEST(TeskCalSpecifier, OnlyDaysAndMonthsAreExpandable) {
+  const std::pair<const char*, bool> cases[] = {
+      {"", true},          {"D=0MO,0WE", true},  {"D=+2SU;O=5", true}, {"O=5", true},
+      {";;D=-1FR;", true}, {"D;X", true},        {"M=1,15", false},    {"D=0FR;S=-1", false},
+      {"Y=100", false},    {"W=1;D=0MO", false}, {"d=0MO", false},     {"=0MO", false},
+  };
+  for (const auto& [text, want] : cases) {
+    EXPECT_EQ(Specifier::expandable(text), want) << text;
   }
 }
 
