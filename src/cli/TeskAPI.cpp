@@ -1,6 +1,7 @@
 #include "cli/TeskAPI.h"
 
 #include "report/TeskJSON.h"
+#include "report/TeskReceipt.h"
 
 namespace TeskAPI {
 
@@ -66,11 +67,7 @@ const std::vector<Source>& sources() {
   return table;
 }
 
-const std::vector<std::string_view>& receiptFields() {
-  static const std::vector<std::string_view> table{"rows_total", "returned", "sources", "notes",
-                                                   "ms"};
-  return table;
-}
+const std::vector<std::string_view>& receiptFields() { return TeskReceipt::keys(); }
 
 std::string json() {
   using TeskJSON::Array;

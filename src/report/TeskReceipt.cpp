@@ -69,6 +69,33 @@ std::string TeskReceipt::fixed(int digits, double value) {
                      static_cast<size_t>(n) < sizeof buf ? static_cast<size_t>(n) : sizeof buf - 1);
 }
 
+const std::vector<std::string_view>& TeskReceipt::keys() {
+  static const std::vector<std::string_view> names{"v",
+                                                   "q",
+                                                   "rows_total",
+                                                   "rows_out",
+                                                   "capped",
+                                                   "mode",
+                                                   "open",
+                                                   "decoded",
+                                                   "excluded",
+                                                   "undated",
+                                                   "hidden_attachments",
+                                                   "schema_lacks",
+                                                   "window",
+                                                   "horizon",
+                                                   "horizons",
+                                                   "per_source",
+                                                   "source_mtime",
+                                                   "stale",
+                                                   "denied",
+                                                   "spill",
+                                                   "next",
+                                                   "notes",
+                                                   "ms"};
+  return names;
+}
+
 std::string TeskReceipt::render() const {
   std::string out = "#tesk {";
   bool first = true;

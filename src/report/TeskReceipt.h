@@ -51,6 +51,10 @@ struct TeskReceipt {
   // backslash form; every other byte passes unchanged.
   static std::string escape(std::string_view text);
 
+  // Every key `render` can write, in the order it writes them; `tesk api` lists these,
+  // and a test holds them to the rendered line.
+  static const std::vector<std::string_view>& keys();
+
   // printf "%.<digits>f" of `value`.
   static std::string fixed(int digits, double value);
 };

@@ -74,8 +74,12 @@ TEST(TeskReceipt, EveryPartInOrderWhenAllAreSet) {
       "\"stale\":[\"chrome\"],\"denied\":[\"mail: no access\",\"cal: x\"],"
       "\"spill\":\"/tmp/tesk/0000abcd.tsv\",\"next\":\"--until 2026-05-17T00:00:00Z\","
       "\"notes\":[\"second\",\"first\"],\"ms\":42}");
-  // Everything the receipt writes here is JSON after the prefix.
-  EXPECT_TRUE(TeskJSONValue::parse(r.render().substr(6)));
+  // Everything the receipt writes here is JSON after the prefix, and its keys are the
+  // list `tesk api` advertises, in the same order.
+  auto parsed = TeskJSONValue::parse(r.render().substr(6));
+  ASSERT_TRUE(parsed);
+  std::vector<std::string> advertised(TeskReceipt::keys().begin(), TeskReceipt::keys().end());
+  EXPECT_EQ(parsed->keys(), advertised);
 }
 
 TEST(TeskReceipt, DecodeRateIsFiveDecimalsOverArchivedBodiesOnly) {
