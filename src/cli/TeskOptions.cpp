@@ -126,7 +126,8 @@ Options Options::parse(const std::vector<std::string>& args, const std::string& 
     o.text = std::move(text);
   }
   if (!sinceGiven && (verb == "im" || verb == "span" || verb == "mail")) {
-    o.since = now - kDefaultWindow;
+    // The 30 days that end where the window ends: at --until when given, else now.
+    o.since = o.until.value_or(now) - kDefaultWindow;
     o.appliedDefaultWindow = true;
   }
   return o;

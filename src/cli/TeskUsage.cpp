@@ -34,9 +34,11 @@ selectors — identical on every verb
                          Anything with no producer yet is REPORTED, never faked.
   --who X                phone, email, or fragment; handles are merged
   --since 30d --until D  30d 12m 5y 48h 90min, or 2026-01-01.
-                         `im` and `span` default to 30d; every other verb reads
-                         the WHOLE horizon, because a search that quietly looked
-                         at one month would answer "never" about last year.
+                         `im`, `span` and `mail` default to 30d (the 30 days
+                         that end at --until when only --until is given); every
+                         other verb reads the WHOLE horizon, because a search
+                         that quietly looked at one month would answer "never"
+                         about last year.
   --dir in|out           direction
   --grep RE              regex over the decoded body
   --by day|week|month|year|who
@@ -48,7 +50,7 @@ selectors — identical on every verb
                          budget, an aggregate when it does not — so a head of a
                          large set is never mistaken for the whole. tsv/json are
                          the explicit override. NDJSON costs ~50% more characters.
-  --assert EXPR          exit 3 on drift; repeatable. `tesk gotchas` lists terms
+  --assert EXPR          exit 3 on drift; repeatable. `tesk views` lists terms
   --include-reactions    tapbacks are excluded by default (6.35% of rows)
   --no-groups            drop chat.style=43 threads
   --include-filtered     include chats Apple flagged unknown-sender

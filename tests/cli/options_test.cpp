@@ -3,6 +3,7 @@
 
 #include "cli/TeskCLI.h"
 #include "cli/TeskOptions.h"
+#include "cli/TeskReports.h"
 
 namespace {
 
@@ -43,6 +44,42 @@ TEST(Options, Defaults) {
   }
   Options given = parse({"--since", "30d"}, "span");
   EXPECT_FALSE(given.appliedDefaultWindow);
+}
+
+// With --until alone the default window is the 30 days that end there, never an
+// inverted window that can only answer "nothing".
+TEST(Options, DefaultWindowEndsAtAGivenUntil) {
+  constexpr double kJune = 1780272000;  // 2026-06-01T00:00:00Z
+  for (const char* verb : {"im", "span", "mail"}) {
+    Options o = parse({"--until", "2026-06-01T00:00:00Z"}, verb);
+    EXPECT_TRUE(o.appliedDefaultWindow) << verb;
+    EXPECT_EQ(o.until, kJune) << verb;
+    EXPECT_EQ(o.since, kJune - 2592000) << verb;
+    Options ahead = parse({"--until", "+2d"}, verb);
+    EXPECT_EQ(ahead.since, kNow + 2 * 86400 - 2592000) << verb;
+    Options both =
+        parse({"--until", "2026-06-01T00:00:00Z", "--since", "2026-01-01T00:00:00Z"}, verb);
+    EXPECT_FALSE(both.appliedDefaultWindow) << verb;
+    EXPECT_EQ(both.since, 1767225600) << verb;
+  }
+  EXPECT_FALSE(parse({"--until", "2026-06-01T00:00:00Z"}, "search").since);
+}
+
+// The usage names exactly the verbs that get the default window, and points to a verb
+// whose answer lists the --assert terms.
+TEST(Usage, TellsTheTruthAboutWindowsAndAssertTerms) {
+  const std::string usage(TeskCLI::usage);
+  const size_t line = usage.find("default to 30d");
+  ASSERT_NE(line, std::string::npos);
+  const std::string head = usage.substr(usage.rfind('\n', line), line - usage.rfind('\n', line));
+  for (const char* verb : {"search", "thread", "span", "im", "cal", "mail", "who", "sql"}) {
+    const bool named = head.find(std::string("`") + verb + "`") != std::string::npos;
+    EXPECT_EQ(named, parse({}, verb).appliedDefaultWindow) << verb;
+  }
+  EXPECT_NE(usage.find("`tesk views` lists terms"), std::string::npos);
+  bool listed = false;
+  for (const std::string& l : TeskCLI::viewsBody()) listed = listed || l == "# assert terms";
+  EXPECT_TRUE(listed);
 }
 
 struct ErrorCase {
