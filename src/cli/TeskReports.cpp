@@ -33,8 +33,8 @@ BucketAnswer bucketAnswer(const std::vector<TeskRow>& rows, TeskBucket::Kind kin
              " resolved to a name in the address books";
     a.lines = TeskBucket::render(buckets, roster.byHandle, kind);
   } else {
-    std::string zone = env.zone.empty() ? TeskTime::localZoneID() : env.zone;
-    a.note = "bucketed by " + std::string(TeskBucket::rawValue(kind)) + " in " + zone +
+    a.note = "bucketed by " + std::string(TeskBucket::rawValue(kind)) + " in " +
+             TeskTime::zoneUsed(env.zone) +
              " — a UTC bucket splits the evening and answers a different question";
     a.lines = TeskBucket::render(
         buckets, TeskBucket::NameLookup([](const std::string&) { return std::nullopt; }), kind);

@@ -7,6 +7,7 @@
 #include <cctype>
 #include <chrono>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <limits>
 
@@ -177,6 +178,45 @@ std::string localZoneID() {
   return out;
 }
 
+std::string zoneUsed(const std::string& zone) {
+  std::unique_ptr<icu::TimeZone> tz = makeZone(zone);
+  icu::UnicodeString id;
+  tz->getID(id);
+  std::string name;
+  id.toUTF8String(name);
+  icu::UnicodeString canonical;
+  UBool systemID = false;
+  UErrorCode status = U_ZERO_ERROR;
+  icu::TimeZone::getCanonicalID(id, canonical, systemID, status);
+  if (U_SUCCESS(status) && systemID && id != icu::UnicodeString(UCAL_UNKNOWN_ZONE_ID)) {
+    return name;
+  }
+  // ICU falls back to a zone with the host's offset and no rules; name that offset.
+  const int32_t minutes = tz->getRawOffset() / 60000;
+  std::string offset = "UTC";
+  if (minutes != 0) {
+    const int32_t a = minutes < 0 ? -minutes : minutes;
+    char buf[16];
+    std::snprintf(buf, sizeof buf, "%c%02d:%02d", minutes < 0 ? '-' : '+', a / 60, a % 60);
+    offset += buf;
+  }
+  return offset + " (the local zone " + name + " is no IANA zone)";
+}
+
+std::optional<double> dayStart(icu::Calendar& cal, int32_t year, int32_t month, int32_t day) {
+  UErrorCode status = U_ZERO_ERROR;
+  cal.setSkippedWallTimeOption(UCAL_WALLTIME_NEXT_VALID);
+  cal.setRepeatedWallTimeOption(UCAL_WALLTIME_FIRST);
+  cal.clear();
+  cal.set(UCAL_EXTENDED_YEAR, year);
+  cal.set(UCAL_MONTH, month - 1);
+  cal.set(UCAL_DATE, day);
+  cal.set(UCAL_HOUR_OF_DAY, 0);
+  const UDate ms = cal.getTime(status);
+  if (U_FAILURE(status) || !std::isfinite(ms)) return std::nullopt;
+  return ms / 1000.0;
+}
+
 std::optional<double> localInstant(int year, int month, int day, int hour, int minute, int second,
                                    const std::string& zone) {
   UErrorCode status = U_ZERO_ERROR;
@@ -257,13 +297,11 @@ std::optional<double> parseWhen(std::string_view text, double now, const std::st
     icu::GregorianCalendar cal(makeZone(zone).release(), status);
     if (U_FAILURE(status)) return std::nullopt;
     cal.setTime(now * 1000.0, status);
-    cal.set(UCAL_HOUR_OF_DAY, 0);
-    cal.set(UCAL_MINUTE, 0);
-    cal.set(UCAL_SECOND, 0);
-    cal.set(UCAL_MILLISECOND, 0);
-    UDate ms = cal.getTime(status);
+    const int32_t year = cal.get(UCAL_EXTENDED_YEAR, status);
+    const int32_t month = cal.get(UCAL_MONTH, status) + 1;
+    const int32_t day = cal.get(UCAL_DATE, status);
     if (U_FAILURE(status)) return std::nullopt;
-    return ms / 1000.0;
+    return dayStart(cal, year, month, day);
   }
   if (t.find('-') == std::string::npos) {
     for (const Unit& u : kUnits) {

@@ -12,6 +12,7 @@
 #include <string>
 #include <string_view>
 
+#include <unicode/calendar.h>
 #include <unicode/timezone.h>
 
 namespace TeskTime {
@@ -56,6 +57,19 @@ std::string localZoneID();
 
 // An ICU zone for `zone` (empty: the local zone; unknown ids: the local zone).
 std::unique_ptr<icu::TimeZone> makeZone(const std::string& zone);
+
+// The zone an empty `zone` or an unknown id actually resolves to, as the notes name
+// it: the IANA id, or where the process's zone names no IANA zone (TZ empty, a bad
+// name, a bare POSIX offset) the fixed offset ICU cuts in ("UTC", "UTC-03:00")
+// followed by the id it was given, e.g. "UTC (the local zone Bad/Name is no IANA zone)".
+std::string zoneUsed(const std::string& zone);
+
+// The first instant of the local date `year`-`month`-`day` (1-based month; a day
+// past the month's end rolls into the next) in `calendar`'s zone: its midnight; where
+// the zone skips midnight (DST starting at 00:00) the first wall time after the gap;
+// where it repeats midnight the earlier one. Moves `calendar`'s time and sets its
+// wall-time options. Nothing when ICU cannot form it.
+std::optional<double> dayStart(icu::Calendar& calendar, int32_t year, int32_t month, int32_t day);
 
 // Unix seconds for a wall-clock time in `zone` (Gregorian, lenient about DST gaps).
 std::optional<double> localInstant(int year, int month, int day, int hour, int minute, int second,

@@ -61,23 +61,26 @@ class Labeler {
   }
 
  private:
+  // The local day holding `ts` runs from its first instant to the next day's first
+  // instant. Both ends are formed from the date, not by adding a day to the start:
+  // where DST begins at midnight (Havana, Beirut, Santiago) a day starts at 01:00, and
+  // a day added to that 01:00 would lend the next day's first hour to this one.
   void rememberDay(double ts) {
     dayStart_ = 1;  // an empty range until both ends are known
     dayEnd_ = 0;
     if (!calendar_) return;
     UErrorCode status = U_ZERO_ERROR;
     calendar_->setTime(ts * 1000.0, status);
-    calendar_->set(UCAL_HOUR_OF_DAY, 0);
-    calendar_->set(UCAL_MINUTE, 0);
-    calendar_->set(UCAL_SECOND, 0);
-    calendar_->set(UCAL_MILLISECOND, 0);
-    double start = calendar_->getTime(status) / 1000.0;
-    calendar_->add(UCAL_DATE, 1, status);
-    double end = calendar_->getTime(status) / 1000.0;
+    const int32_t year = calendar_->get(UCAL_EXTENDED_YEAR, status);
+    const int32_t month = calendar_->get(UCAL_MONTH, status) + 1;
+    const int32_t day = calendar_->get(UCAL_DATE, status);
+    if (U_FAILURE(status)) return;
+    const std::optional<double> start = TeskTime::dayStart(*calendar_, year, month, day);
+    const std::optional<double> end = TeskTime::dayStart(*calendar_, year, month, day + 1);
     // Only a range that really holds the instant and looks like one day is trusted.
-    if (U_FAILURE(status) || !(start <= ts && ts < end) || end - start > 30 * 3600.0) return;
-    dayStart_ = start;
-    dayEnd_ = end;
+    if (!start || !end || !(*start <= ts && ts < *end) || *end - *start > 30 * 3600.0) return;
+    dayStart_ = *start;
+    dayEnd_ = *end;
   }
 
   std::unique_ptr<icu::SimpleDateFormat> format_;

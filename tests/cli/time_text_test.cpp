@@ -1,7 +1,9 @@
 // Time expressions, ISO rendering, epochs, text folding, the line sink.
 #include <gtest/gtest.h>
+#include <unicode/simpletz.h>
 
 #include <cmath>
+#include <memory>
 
 #include "cli/TeskOut.h"
 #include "cli/TeskRegex.h"
@@ -59,6 +61,44 @@ TEST(TeskTime, DatesAreLocalUnlessZoned) {
   // today: local midnight of the day `now` falls on in that zone.
   EXPECT_EQ(TeskTime::parseWhen("today", kNow, "UTC"), 1789948800);
   EXPECT_EQ(TeskTime::parseWhen("today", kNow, "Asia/Tokyo"), 1789916400);
+}
+
+TEST(TeskTime, TodayStartsAtTheDaysFirstInstant) {
+  // Havana skips its midnight on 2026-03-08 (the day starts at 01:00 CDT) and
+  // repeats it on 2026-11-01 (the day starts at the first 00:00, still CDT).
+  const std::pair<const char*, const char*> cases[] = {
+      {"2026-03-08T17:00:00Z", "2026-03-08T05:00:00Z"},
+      {"2026-11-01T17:00:00Z", "2026-11-01T04:00:00Z"},
+      {"2026-11-02T17:00:00Z", "2026-11-02T05:00:00Z"},
+  };
+  for (const auto& [now, today] : cases) {
+    auto t = TeskTime::parseWhen("today", *TeskTime::parseISO(now), "America/Havana");
+    ASSERT_TRUE(t) << now;
+    EXPECT_EQ(TeskTime::isoString(*t), today) << now;
+  }
+}
+
+TEST(TeskTime, ZoneUsedNamesWhatTheCalendarCutsIn) {
+  EXPECT_EQ(TeskTime::zoneUsed("America/Havana"), "America/Havana");
+  EXPECT_EQ(TeskTime::zoneUsed("UTC"), "UTC");
+  // An empty or unknown id is the process's zone; when that names no IANA zone (TZ
+  // empty, a bad name, a bare POSIX offset), ICU cuts in a fixed offset: say so.
+  std::unique_ptr<icu::TimeZone> saved(icu::TimeZone::createDefault());
+  const std::pair<icu::TimeZone*, const char*> cases[] = {
+      {icu::TimeZone::getUnknown().clone(), "UTC (the local zone Etc/Unknown is no IANA zone)"},
+      {new icu::SimpleTimeZone(0, "Bad/Name"), "UTC (the local zone Bad/Name is no IANA zone)"},
+      {new icu::SimpleTimeZone(-3 * 3600 * 1000, "XYZ3"),
+       "UTC-03:00 (the local zone XYZ3 is no IANA zone)"},
+      {new icu::SimpleTimeZone(5 * 3600 * 1000 + 1800 * 1000, "ABC-5:30"),
+       "UTC+05:30 (the local zone ABC-5:30 is no IANA zone)"},
+      {icu::TimeZone::createTimeZone("Asia/Tehran"), "Asia/Tehran"},
+  };
+  for (const auto& [zone, want] : cases) {
+    icu::TimeZone::adoptDefault(zone);
+    EXPECT_EQ(TeskTime::zoneUsed(""), want);
+    EXPECT_EQ(TeskTime::zoneUsed("Not/AZone"), want);
+  }
+  icu::TimeZone::adoptDefault(saved.release());
 }
 
 TEST(TeskTime, ISO) {

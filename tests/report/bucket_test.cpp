@@ -2,7 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <unicode/gregocal.h>
+
 #include <cmath>
+#include <cstdio>
+#include <cstring>
 #include <map>
 #include <unordered_map>
 
@@ -110,6 +114,61 @@ TEST(TeskBucket, ApplyAgreesWithLabelRowByRowAcrossMidnightsAndDST) {
   ASSERT_EQ(days.size(), 3u);
   EXPECT_EQ(days[1].key, "2026-03-08");
   EXPECT_EQ(days[1].count, 2);  // a 23-hour day
+}
+
+// The local date and the ISO week of `ts` in `zone`, read straight from ICU fields.
+std::pair<std::string, std::string> trueDayAndWeek(double ts, const std::string& zone) {
+  UErrorCode st = U_ZERO_ERROR;
+  icu::GregorianCalendar cal(TeskTime::makeZone(zone).release(), st);
+  cal.setFirstDayOfWeek(UCAL_MONDAY);
+  cal.setMinimalDaysInFirstWeek(4);
+  cal.setTime(ts * 1000.0, st);
+  char day[48], week[48];
+  std::snprintf(day, sizeof day, "%04d-%02d-%02d", cal.get(UCAL_YEAR, st),
+                cal.get(UCAL_MONTH, st) + 1, cal.get(UCAL_DATE, st));
+  std::snprintf(week, sizeof week, "%04d-W%02d", cal.get(UCAL_YEAR_WOY, st),
+                cal.get(UCAL_WEEK_OF_YEAR, st));
+  EXPECT_TRUE(U_SUCCESS(st));
+  return {day, week};
+}
+
+TEST(TeskBucket, ZonesWhoseClocksChangeAtMidnightKeepEveryRowOnItsOwnDay) {
+  // Each zone skips (or, for Havana's autumn, repeats) its midnight on `day`, which
+  // then has `hours` hours. Rows every half hour from the day before to the day after.
+  struct Case {
+    const char* zone;
+    int y, m, d;
+    int hours;
+  };
+  const Case cases[] = {
+      {"America/Havana", 2026, 3, 8, 23},    {"Asia/Beirut", 2021, 3, 28, 23},
+      {"America/Asuncion", 2021, 10, 3, 23}, {"America/Santiago", 2021, 9, 5, 23},
+      {"Asia/Tehran", 2021, 3, 22, 23},      {"America/Havana", 2026, 11, 1, 25},
+  };
+  for (const Case& c : cases) {
+    char name[64];
+    std::snprintf(name, sizeof name, "%s %04d-%02d-%02d", c.zone, c.y, c.m, c.d);
+    SCOPED_TRACE(name);
+    const double from = local(c.y, c.m, c.d - 1, 0, 0, c.zone);
+    std::vector<TeskRow> rows;
+    std::map<std::string, int64_t> days, weeks;
+    for (double t = from; t < from + 3 * 86400; t += 1800) {
+      rows.push_back(row(t, "p"));
+      auto [day, week] = trueDayAndWeek(t, c.zone);
+      ++days[day];
+      ++weeks[week];
+    }
+    std::map<std::string, int64_t> gotDays, gotWeeks;
+    for (const auto& b : TeskBucket::apply(rows, TeskBucket::Kind::day, c.zone)) {
+      gotDays[b.key] = b.count;
+    }
+    for (const auto& b : TeskBucket::apply(rows, TeskBucket::Kind::week, c.zone)) {
+      gotWeeks[b.key] = b.count;
+    }
+    EXPECT_EQ(gotDays, days);
+    EXPECT_EQ(gotWeeks, weeks);
+    EXPECT_EQ(gotDays[name + std::strlen(c.zone) + 1], 2 * c.hours);
+  }
 }
 
 TEST(TeskBucket, ApplyCountsAndOrdersTimeBuckets) {
