@@ -105,6 +105,18 @@ void readStore(const std::string& path, Reading& st) {
   int64_t emitted = 0;
   try {
     store->query(query(probe(*store)), [&](const TeskRowReader& r) {
+      // A reminder synced into two stores is the first store's copy, whatever the
+      // window and selectors: deciding after them would let a later copy, due on
+      // another day or filed in another list, stand in for one the filters dropped.
+      std::string key;
+      if (auto ck = r.text(7)) {
+        key = std::move(*ck);
+      } else if (auto ext = r.text(8)) {
+        key = std::move(*ext);
+      } else {
+        key = name + ":" + std::to_string(r.integer(0));
+      }
+      if (!st.seen.insert(key).second) return;
       std::string_view title = TeskText::trim(r.textView(1).value_or(std::string_view()));
       std::string body(title);
       std::string_view notes = TeskText::trim(r.textView(2).value_or(std::string_view()));
@@ -124,15 +136,6 @@ void readStore(const std::string& path, Reading& st) {
       if (!st.needle.empty() && !st.needle.in(body)) return;
       if (f.grep && !f.grep->search(body)) return;
       if (f.direction && *f.direction == TeskRow::Direction::incoming) return;
-      std::string key;
-      if (auto ck = r.text(7)) {
-        key = std::move(*ck);
-      } else if (auto ext = r.text(8)) {
-        key = std::move(*ext);
-      } else {
-        key = name + ":" + std::to_string(r.integer(0));
-      }
-      if (!st.seen.insert(key).second) return;
       TeskRow row;
       row.id = "reminder:" + key;
       row.ts = *stamp;

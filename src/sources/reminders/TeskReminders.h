@@ -1,7 +1,8 @@
 // Unfinished Apple Reminders as rows, in their present state (the stores keep no
 // history of edits). Reminders keeps one Core Data store per account, so every
-// store file is read and the rows summed; a reminder synced into two stores is
-// emitted once. Columns differ between system versions, so every optional one is
+// store file is read and the rows summed; a reminder synced into two stores is the
+// first store's copy (in path order), whatever the window and selectors, and is
+// emitted at most once. Columns differ between system versions, so every optional one is
 // probed first and a missing one reads as NULL.
 #pragma once
 
