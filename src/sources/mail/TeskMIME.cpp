@@ -79,6 +79,19 @@ int base64Value(unsigned char c) {
   return -1;
 }
 
+// Where the line after a soft line break starts, when the '=' just before `from`
+// ends its encoded line: blanks an encoder may have left (RFC 2045 transport
+// padding), then LF, CR LF or a lone CR, or the end of the part (whose last line
+// break went with the multipart delimiter that follows it).
+std::optional<size_t> softBreakEnd(std::string_view bytes, size_t from) {
+  size_t j = from;
+  while (j < bytes.size() && (bytes[j] == ' ' || bytes[j] == '\t')) ++j;
+  if (j == bytes.size()) return j;
+  if (bytes[j] == '\n') return j + 1;
+  if (bytes[j] == '\r') return j + 1 < bytes.size() && bytes[j + 1] == '\n' ? j + 2 : j + 1;
+  return std::nullopt;
+}
+
 bool isHTMLType(std::string_view media) {
   return media == "text/html" || media == "text/x-amp-html";
 }
@@ -296,10 +309,8 @@ std::string quotedPrintable(std::string_view bytes) {
     out.append(bytes.substr(i, at - i));
     if (at >= bytes.size()) break;
     const size_t rest = bytes.size() - at - 1;
-    if (rest >= 1 && bytes[at + 1] == '\n') {
-      i = at + 2;
-    } else if (rest >= 2 && bytes[at + 1] == '\r' && bytes[at + 2] == '\n') {
-      i = at + 3;
+    if (auto next = softBreakEnd(bytes, at + 1)) {
+      i = *next;
     } else if (rest >= 2 && hexValue(static_cast<unsigned char>(bytes[at + 1])) >= 0 &&
                hexValue(static_cast<unsigned char>(bytes[at + 2])) >= 0) {
       out.push_back(static_cast<char>(hexValue(static_cast<unsigned char>(bytes[at + 1])) * 16 +

@@ -213,7 +213,8 @@ std::optional<size_t> find(std::string_view needle, std::string_view haystack);
 // Standard base64 over the alphabet bytes only; nothing when no whole quantum is
 // left or the data does not decode.
 std::optional<std::string> base64(std::string_view bytes);
-// Soft line breaks removed, =XX escapes decoded, any other '=' kept.
+// Soft line breaks removed ('=' then optional blanks, then a line break or the end
+// of the part), =XX escapes decoded, any other '=' kept.
 std::string quotedPrintable(std::string_view bytes);
 // `bytes` in the named charset as UTF-8. UTF-8 and ASCII names, unknown names and
 // bytes that fail to convert fall back to "valid UTF-8 unchanged", else nothing.

@@ -357,8 +357,11 @@ TEST(MailRealFiles, DecodeToTheRightTier) {
     std::string starts;    // the body's first bytes
     std::string contains;  // and a piece further in
     int64_t truncated;
+    std::string ends = {};  // its last bytes
   } cases[] = {
-      {"114862.emlx", Tier::plain, "Lorem ipsum dolor sit amet", "sanctus est Lorem ipsum", 0},
+      // Its plain part ends in a soft line break just before the delimiter.
+      {"114862.emlx", Tier::plain, "Lorem ipsum dolor sit amet", "sanctus est Lorem ipsum", 0,
+       "http://example.com <http://example.com/>"},
       {"114892.partial.emlx", Tier::plain,
        "> Anfang der weitergeleiteten Nachricht:", "Betreff: Wtr: Lorem ipsum", 0},
       {"114895.partial.emlx", Tier::plain, "> Anfang der weitergeleiteten Nachricht:", "", 0},
@@ -382,6 +385,9 @@ TEST(MailRealFiles, DecodeToTheRightTier) {
     ASSERT_TRUE(body.text) << c.file;
     EXPECT_TRUE(body.text->starts_with(c.starts)) << c.file << ": " << body.text->substr(0, 80);
     EXPECT_NE(body.text->find(c.contains), std::string::npos) << c.file;
+    EXPECT_TRUE(body.text->ends_with(c.ends))
+        << c.file << ": "
+        << body.text->substr(body.text->size() - std::min<size_t>(body.text->size(), 80));
     EXPECT_EQ(census.truncatedFiles, c.truncated) << c.file;
     for (const char* plistByte : {"<?xml", "plist", "date-received", "<key>"}) {
       EXPECT_EQ(body.text->find(plistByte), std::string::npos) << c.file << " holds " << plistByte;

@@ -22,8 +22,13 @@ TEST(MailQuotedPrintable, Table) {
       {"soft=\r\nbreak", "softbreak"},
       {"=ZZ stays", "=ZZ stays"},
       {"a=3", "a=3"},  // fewer than two bytes after '='
-      {"end=", "end="},
-      {"x=\r", "x=\r"},
+      // A soft break ends the part: its line break went with the delimiter.
+      {"end=", "end"},
+      {"x=\r", "x"},
+      {"lone CR=\rbreak", "lone CRbreak"},
+      {"padded= \t\r\nbreak", "paddedbreak"},
+      {"padded at the end=  ", "padded at the end"},
+      {"a= b", "a= b"},  // a blank then text: no line end, '=' kept
       {"1+1=3D2", "1+1=2"},
       {"==41", "=A"},
       {"", ""},
