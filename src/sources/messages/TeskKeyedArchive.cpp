@@ -299,56 +299,182 @@ class Resolver {
   std::unordered_set<std::string> classesSeen_;
 };
 
-// libplist 2.2 aborts (an assertion) when it is asked for a dictionary key that
-// holds a NUL character, and hostile archives can carry one. Before handing bytes to
-// it, walk the binary plist's object table and refuse any string object with a NUL
-// in it (ASCII or UTF-16), or any table entry that points outside the object data.
-bool stringsFreeOfNul(Bytes b) {
-  constexpr size_t kHeader = 8, kTrailer = 32;
-  if (b.size() < kHeader + kTrailer) return false;
-  const size_t end = b.size() - kTrailer;
-  const auto be = [&](size_t at, size_t width, uint64_t& out) {
-    if (width == 0 || width > 8 || at > b.size() || b.size() - at < width) return false;
-    out = 0;
-    for (size_t i = 0; i < width; ++i) out = (out << 8) | b[at + i];
-    return true;
-  };
-  const size_t offsetWidth = b[end + 6];
-  uint64_t count = 0, table = 0;
-  if (!be(end + 8, 8, count) || !be(end + 24, 8, table)) return false;
-  if (offsetWidth == 0 || offsetWidth > 8 || table > end || count > end) return false;
-  if ((end - table) / offsetWidth < count) return false;
-  for (uint64_t i = 0; i < count; ++i) {
-    uint64_t at = 0;
-    if (!be(table + i * offsetWidth, offsetWidth, at) || at < kHeader || at >= end) return false;
-    const uint8_t marker = b[at];
-    const uint8_t kind = marker >> 4;
-    if (kind != 0x5 && kind != 0x6) continue;
-    uint64_t length = marker & 0x0F;
-    size_t start = at + 1;
-    if (length == 0x0F) {
-      // The length follows as an integer object: 0x1N, then 2^N big-endian bytes.
-      if (start >= end || (b[start] >> 4) != 0x1 || (b[start] & 0x0F) > 3) return false;
-      const size_t width = size_t{1} << (b[start] & 0x0F);
-      if (!be(start + 1, width, length)) return false;
-      start += 1 + width;
+// What libplist 2.2 cannot be trusted with, checked on the raw object table before
+// the library sees the bytes:
+// - a string object holding a NUL (ASCII or UTF-16): asked for such a dictionary key,
+//   the library aborts on an assertion;
+// - a table entry or a container reference pointing outside the object data;
+// - deep nesting: the library parses containers recursively and frees them
+//   recursively, so a chain of arrays 100,000 deep overflows the stack; and since it
+//   copies an object once per reference, a few shared containers nested a few dozen
+//   deep expand to billions of nodes.
+// The walk below is iterative (an explicit stack) and refuses containers nested
+// deeper than kMaxPlistDepth, reference cycles, and trees that would expand to more
+// nodes than the archive has bytes. Every reference takes at least one byte, so a
+// tree whose containers are each referenced once (what archivers write) never
+// exceeds that.
+constexpr uint32_t kMaxPlistDepth = 64;
+
+class ObjectTable {
+ public:
+  explicit ObjectTable(Bytes b) : b_(b) {}
+
+  bool acceptable() {
+    constexpr size_t kHeader = 8, kTrailer = 32;
+    if (b_.size() < kHeader + kTrailer) return false;
+    end_ = b_.size() - kTrailer;
+    const size_t offsetWidth = b_[end_ + 6];
+    refWidth_ = b_[end_ + 7];
+    uint64_t count = 0, top = 0, table = 0;
+    if (!be(end_ + 8, 8, count) || !be(end_ + 16, 8, top) || !be(end_ + 24, 8, table)) return false;
+    if (offsetWidth == 0 || offsetWidth > 8 || refWidth_ == 0 || refWidth_ > 8) return false;
+    if (table > end_ || count > end_ || top >= count) return false;
+    if ((end_ - table) / offsetWidth < count) return false;
+    offsets_.resize(static_cast<size_t>(count));
+    for (uint64_t i = 0; i < count; ++i) {
+      uint64_t at = 0;
+      if (!be(table + i * offsetWidth, offsetWidth, at) || at < kHeader || at >= end_) return false;
+      offsets_[i] = static_cast<size_t>(at);
+      if (!stringFreeOfNul(offsets_[i])) return false;
     }
-    const uint64_t unit = kind == 0x6 ? 2 : 1;
-    if (start > end || length > (end - start) / unit) return false;
-    for (uint64_t k = 0; k < length; ++k) {
-      const size_t pos = start + static_cast<size_t>(k * unit);
-      if (b[pos] == 0 && (unit == 1 || b[pos + 1] == 0)) return false;
-    }
+    return shallowEnough(static_cast<size_t>(top));
   }
-  return true;
-}
+
+ private:
+  // A container's references: `n` of them, each refWidth_ bytes, from `first`.
+  struct Refs {
+    size_t first = 0;
+    uint64_t n = 0;
+  };
+
+  bool be(size_t at, size_t width, uint64_t& out) const {
+    if (width == 0 || width > 8 || at > b_.size() || b_.size() - at < width) return false;
+    out = 0;
+    for (size_t i = 0; i < width; ++i) out = (out << 8) | b_[at + i];
+    return true;
+  }
+
+  // The length of the object whose marker is at `at`: the low nibble, or, when that
+  // is 0xF, an integer object that follows (0x1N, then 2^N big-endian bytes).
+  // `start` is where the object's contents begin.
+  bool length(size_t at, uint64_t& n, size_t& start) const {
+    n = b_[at] & 0x0F;
+    start = at + 1;
+    if (n != 0x0F) return true;
+    if (start >= end_ || (b_[start] >> 4) != 0x1 || (b_[start] & 0x0F) > 3) return false;
+    const size_t width = size_t{1} << (b_[start] & 0x0F);
+    if (!be(start + 1, width, n)) return false;
+    start += 1 + width;
+    return true;
+  }
+
+  bool stringFreeOfNul(size_t at) const {
+    const uint8_t kind = b_[at] >> 4;
+    if (kind != 0x5 && kind != 0x6) return true;
+    uint64_t n = 0;
+    size_t start = 0;
+    if (!length(at, n, start)) return false;
+    const uint64_t unit = kind == 0x6 ? 2 : 1;
+    if (start > end_ || n > (end_ - start) / unit) return false;
+    for (uint64_t k = 0; k < n; ++k) {
+      const size_t pos = start + static_cast<size_t>(k * unit);
+      if (b_[pos] == 0 && (unit == 1 || b_[pos + 1] == 0)) return false;
+    }
+    return true;
+  }
+
+  // Arrays and sets hold n references, dictionaries n keys and n values.
+  bool refsOf(size_t object, Refs& refs) const {
+    const size_t at = offsets_[object];
+    const uint8_t kind = b_[at] >> 4;
+    refs = Refs{};
+    if (kind != 0xA && kind != 0xB && kind != 0xC && kind != 0xD) return true;
+    uint64_t n = 0;
+    size_t start = 0;
+    if (!length(at, n, start)) return false;
+    if (kind == 0xD) {
+      if (n > std::numeric_limits<uint64_t>::max() / 2) return false;
+      n *= 2;
+    }
+    if (start > end_ || n > (end_ - start) / refWidth_) return false;
+    refs.first = start;
+    refs.n = n;
+    return true;
+  }
+
+  // Depth-first from the top object with an explicit stack: containers on the current
+  // path are "open"; a finished one keeps the number of nodes its subtree expands to.
+  bool shallowEnough(size_t top) {
+    enum : uint8_t { unseen, open, done };
+    std::vector<uint8_t> state(offsets_.size(), unseen);
+    std::vector<uint64_t> nodes(offsets_.size(), 0);
+    const uint64_t budget = b_.size();
+    struct Frame {
+      size_t object;
+      Refs refs;
+      uint64_t next;   // the reference to visit next
+      uint64_t total;  // nodes of the subtree so far, itself included
+    };
+    std::vector<Frame> stack;
+    // Enters `object`: a leaf or a finished container is counted into its parent at
+    // once, an unseen container is pushed.
+    auto enter = [&](size_t object) -> bool {
+      if (state[object] == open) return false;  // a cycle
+      uint64_t counted = 1;
+      if (state[object] == done) {
+        counted = nodes[object];
+      } else {
+        Refs refs;
+        if (!refsOf(object, refs)) return false;
+        if (refs.n > 0) {
+          if (stack.size() >= kMaxPlistDepth) return false;
+          state[object] = open;
+          stack.push_back(Frame{object, refs, 0, 1});
+          return true;
+        }
+        state[object] = done;
+        nodes[object] = 1;
+      }
+      if (!stack.empty()) {
+        stack.back().total += counted;
+        if (stack.back().total > budget) return false;
+      }
+      return true;
+    };
+    if (!enter(top)) return false;
+    while (!stack.empty()) {
+      Frame& f = stack.back();
+      if (f.next == f.refs.n) {
+        const Frame finished = f;
+        stack.pop_back();
+        state[finished.object] = done;
+        nodes[finished.object] = finished.total;
+        if (!stack.empty()) {
+          stack.back().total += finished.total;
+          if (stack.back().total > budget) return false;
+        }
+        continue;
+      }
+      uint64_t ref = 0;
+      be(f.refs.first + static_cast<size_t>(f.next * refWidth_), refWidth_, ref);
+      ++f.next;
+      if (ref >= offsets_.size() || !enter(static_cast<size_t>(ref))) return false;
+    }
+    return true;
+  }
+
+  Bytes b_;
+  size_t end_ = 0;
+  size_t refWidth_ = 0;
+  std::vector<size_t> offsets_;
+};
 
 // Decodes `bytes` and reports the classes met on the way.
 std::optional<Value> decodeWithClasses(Bytes bytes, std::unordered_set<std::string>* classes) {
   if (bytes.empty() || bytes.size() > std::numeric_limits<uint32_t>::max()) return std::nullopt;
   const char* data = reinterpret_cast<const char*>(bytes.data());
   const auto length = static_cast<uint32_t>(bytes.size());
-  if (!plist_is_binary(data, length) || !stringsFreeOfNul(bytes)) return std::nullopt;
+  if (!plist_is_binary(data, length) || !ObjectTable(bytes).acceptable()) return std::nullopt;
   plist_t raw = nullptr;
   plist_from_bin(data, length, &raw);
   PlistPtr root(raw);

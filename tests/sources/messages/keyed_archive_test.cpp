@@ -99,6 +99,85 @@ class Archive {
   std::optional<uint64_t> errorClass_, dictClass_;
 };
 
+// Writes binary plists object by object, with 4-byte offsets and references, for
+// shapes libplist's own writer cannot make (it recurses): chains thousands deep and
+// containers referenced many times.
+class RawPlist {
+ public:
+  uint32_t array(const std::vector<uint32_t>& refs) {
+    std::vector<uint8_t> o;
+    marker(o, 0xA0, refs.size());
+    for (uint32_t r : refs) be(o, r, 4);
+    return add(std::move(o));
+  }
+  uint32_t dict(const std::vector<std::pair<uint32_t, uint32_t>>& entries) {
+    std::vector<uint8_t> o;
+    marker(o, 0xD0, entries.size());
+    for (const auto& e : entries) be(o, e.first, 4);
+    for (const auto& e : entries) be(o, e.second, 4);
+    return add(std::move(o));
+  }
+  uint32_t ascii(std::string_view s) {
+    std::vector<uint8_t> o;
+    marker(o, 0x50, s.size());
+    o.insert(o.end(), s.begin(), s.end());
+    return add(std::move(o));
+  }
+  uint32_t uid(uint8_t value) { return add({0x80, value}); }
+
+  // A chain of single-element arrays `depth` deep around `inner`; its outermost array.
+  uint32_t nest(uint32_t inner, int depth) {
+    for (int i = 0; i < depth; ++i) inner = array({inner});
+    return inner;
+  }
+
+  std::vector<uint8_t> bytes(uint32_t top) const {
+    std::vector<uint8_t> out = {'b', 'p', 'l', 'i', 's', 't', '0', '0'};
+    std::vector<uint64_t> offsets;
+    for (const auto& o : objects_) {
+      offsets.push_back(out.size());
+      out.insert(out.end(), o.begin(), o.end());
+    }
+    const uint64_t table = out.size();
+    for (uint64_t at : offsets) be(out, at, 4);
+    out.insert(out.end(), {0, 0, 0, 0, 0, 0, 4, 4});
+    be(out, objects_.size(), 8);
+    be(out, top, 8);
+    be(out, table, 8);
+    return out;
+  }
+
+ private:
+  static void be(std::vector<uint8_t>& o, uint64_t v, int width) {
+    for (int i = width - 1; i >= 0; --i) o.push_back(static_cast<uint8_t>(v >> (8 * i)));
+  }
+  static void marker(std::vector<uint8_t>& o, uint8_t kind, size_t n) {
+    if (n < 15) {
+      o.push_back(static_cast<uint8_t>(kind | n));
+      return;
+    }
+    o.push_back(static_cast<uint8_t>(kind | 0x0F));
+    o.push_back(0x12);  // the length as a 4-byte integer object
+    be(o, n, 4);
+  }
+  uint32_t add(std::vector<uint8_t> o) {
+    objects_.push_back(std::move(o));
+    return static_cast<uint32_t>(objects_.size() - 1);
+  }
+
+  std::vector<std::vector<uint8_t>> objects_;
+};
+
+// A keyed archive whose root object is a plain plist array nested `depth` deep
+// around the string "leaf", laid out as root dict -> $objects -> the chain.
+std::vector<uint8_t> nestedArchive(int depth) {
+  RawPlist p;
+  const uint32_t chain = p.nest(p.ascii("leaf"), depth);
+  const uint32_t objects = p.array({p.ascii("$null"), chain});
+  const uint32_t top = p.dict({{p.ascii("root"), p.uid(1)}});
+  return p.bytes(p.dict({{p.ascii("$objects"), objects}, {p.ascii("$top"), top}}));
+}
+
 std::vector<uint8_t> readSample(const std::string& name) {
   std::ifstream in(std::string(TESK_TEST_DATA) + "/plist/" + name, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
@@ -354,6 +433,56 @@ TEST(KeyedArchive, RefusesMalformedGraphs) {
     const std::vector<uint8_t> b(raw, raw + length);
     plist_to_bin_free(raw);
     EXPECT_EQ(TeskKeyedArchive::decode(b), std::nullopt);
+  }
+}
+
+// The plist library parses and frees containers recursively: nesting is bounded on
+// the raw object table before it sees the bytes, and every such body reads as
+// undecodable rather than taking the process down.
+TEST(KeyedArchive, BoundsPlistNestingBeforeParsing) {
+  {  // Under the bound: root dict and $objects take two levels, the chain 62 more.
+    const auto v = TeskKeyedArchive::decode(nestedArchive(62));
+    ASSERT_TRUE(v.has_value());
+    const Value* at = &*v;
+    for (int i = 0; i < 62; ++i) {
+      ASSERT_EQ(at->type, Type::array) << i;
+      ASSERT_EQ(at->items.size(), 1u) << i;
+      at = &at->items[0];
+    }
+    EXPECT_EQ(at->string, "leaf");
+  }
+  struct Case {
+    const char* name;
+    std::vector<uint8_t> bytes;
+  };
+  std::vector<Case> refused;
+  refused.push_back({"one level past the bound", nestedArchive(63)});
+  {
+    RawPlist p;
+    refused.push_back({"arrays 100,000 deep", p.bytes(p.nest(p.array({}), 100000))});
+  }
+  {
+    RawPlist p;
+    uint32_t next = p.ascii("x");
+    for (int i = 0; i < 40; ++i) next = p.array({next, next});
+    refused.push_back({"a container shared at every level (2^40 nodes)", p.bytes(next)});
+  }
+  {
+    RawPlist p;
+    const uint32_t self = p.array({0});  // holds itself
+    refused.push_back({"an array that holds itself", p.bytes(self)});
+  }
+  {
+    RawPlist p;
+    const uint32_t list = p.array({7});
+    refused.push_back({"a reference past the table", p.bytes(list)});
+  }
+  for (const Case& c : refused) {
+    EXPECT_EQ(TeskKeyedArchive::decode(c.bytes), std::nullopt) << c.name;
+    EXPECT_EQ(TeskKeyedArchive::errorChain(c.bytes), std::nullopt) << c.name;
+    const TeskDecode::Outcome o = TeskDecode::attributedBody(c.bytes);
+    EXPECT_EQ(o.tier, TeskDecode::Tier::undecodable) << c.name;
+    EXPECT_FALSE(o.body.has_value()) << c.name;
   }
 }
 
