@@ -158,6 +158,21 @@ std::vector<std::string> expandSources(const std::vector<std::string>& keys) {
   return out;
 }
 
+std::vector<std::string> decodeNotes(const TeskDecode::Census& c) {
+  std::vector<std::string> notes;
+  if (c.legacyAttributed >= 1 && c.legacyAttributed - c.direct >= 1) {
+    notes.push_back("the direct reader declined " + std::to_string(c.legacyAttributed - c.direct) +
+                    " of " + std::to_string(c.legacyAttributed) +
+                    " blobs and NSUnarchiver answered — slower, not wrong; the archive "
+                    "layout may have moved");
+  }
+  if (c.rate() < 0.999 && c.blobs() >= 1) {
+    notes.push_back("DECODE RATE BELOW GATE — " + std::to_string(c.undecodable) +
+                    " blobs unreadable; treat every count as a floor");
+  }
+  return notes;
+}
+
 std::string errorLine(std::string_view message) {
   return "#tesk {\"v\":1,\"error\":\"" + TeskReceipt::escape(message) + "\"}";
 }
@@ -271,18 +286,14 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
     acc.notes.push_back(
         "read from a snapshot (db+-wal+-shm copied) — the live handle could not see the WAL");
   }
-  const TeskDecode::Census& c = acc.receipt.decoded;
-  if (c.legacyAttributed >= 1 && c.legacyAttributed - c.direct >= 1) {
-    acc.notes.push_back("the direct reader declined " +
-                        std::to_string(c.legacyAttributed - c.direct) + " of " +
-                        std::to_string(c.legacyAttributed) +
-                        " blobs and NSUnarchiver answered — slower, not wrong; the archive "
-                        "layout may have moved");
-  }
-  if (c.rate() < 0.999 && c.blobs() >= 1) {
-    acc.notes.push_back("DECODE RATE BELOW GATE — " + std::to_string(c.undecodable) +
-                        " blobs unreadable; treat every count as a floor");
-  }
+  // The decode notes take their place here once the census is final (see below).
+  const auto decodeNotesAt = static_cast<std::ptrdiff_t>(acc.notes.size());
+  auto notesWithDecode = [&] {
+    std::vector<std::string> notes = acc.notes;
+    const std::vector<std::string> decode = decodeNotes(acc.receipt.decoded);
+    notes.insert(notes.begin() + decodeNotesAt, decode.begin(), decode.end());
+    return notes;
+  };
 
   TeskReceipt& r = acc.receipt;
   r.rowsTotal = static_cast<int64_t>(acc.rows.size());
@@ -318,8 +329,8 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
     }
     SqlAnswer s = sqlAnswer(*acc.messageStore, filter, *opts.text, opts.limit);
     if (s.error) {
-      r.notes = acc.notes;
       r.decoded = s.census;
+      r.notes = notesWithDecode();
       return finishEarly("tesk: " + *s.error, usageError);
     }
     body = std::move(s.lines);
@@ -339,7 +350,7 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
     r.next = o.next;
   }
   acc.messageStore.reset();  // release the snapshot before the answer is written
-  r.notes = acc.notes;
+  r.notes = notesWithDecode();
   r.elapsedMS = elapsedMS(started, env.clock());
   frame(out, r, body);
 

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "cli/TeskOut.h"
+#include "sources/messages/TeskDecode.h"
 
 namespace TeskCLI {
 
@@ -64,6 +65,11 @@ int32_t envelope(const std::string& verb, const std::vector<std::string>& args, 
                  double now, TeskOut& out, const std::vector<std::string>& body, int64_t rows,
                  const std::vector<std::string>& stale, const std::vector<std::string>& denied,
                  int32_t exit);
+
+// The receipt notes the decode census calls for, in order: the direct reader's
+// declines, then the decode gate. Built once the census is final (after `sql` has
+// run its statement, which decodes as it goes).
+std::vector<std::string> decodeNotes(const TeskDecode::Census& census);
 
 // `#tesk {"v":1,"error":"..."}`: what an option error writes in place of a receipt.
 std::string errorLine(std::string_view message);

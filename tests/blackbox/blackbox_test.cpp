@@ -210,6 +210,26 @@ TEST(BlackBox, SqlVerbAnswersAndRefusesWrites) {
   EXPECT_EQ(tesk({"thread"}, h.path()).lines.front(), "tesk: `thread` needs --who");
 }
 
+// `sql` decodes while its statement runs, so its decode notes follow the statement.
+TEST(BlackBox, SqlReceiptCarriesTheDecodeGate) {
+  Home h;
+  {
+    auto db = tesk_test::openDB(h.home.file("Library/Messages/chat.db"));
+    tesk_test::exec(db.get(),
+                    "UPDATE message SET attributedBody = x'00112233445566778899aabbccddeeff' "
+                    "WHERE ROWID IN (2, 4)");
+  }
+  const std::string gate = "DECODE RATE BELOW GATE — 2 blobs unreadable";
+  Answer bodies = tesk({"sql", "SELECT body FROM tesk_message"}, h.path());
+  EXPECT_EQ(bodies.exit, 0) << bodies.text;
+  expectFramed(bodies);
+  EXPECT_TRUE(has(bodies.lines[0], "\"decoded\":{\"n\":3,\"of\":5")) << bodies.lines[0];
+  EXPECT_TRUE(has(bodies.lines[0], gate)) << bodies.lines[0];
+  EXPECT_TRUE(has(tesk({"im"}, h.path()).lines[0], gate));
+  Answer count = tesk({"sql", "SELECT COUNT(*) FROM tesk_message"}, h.path());
+  EXPECT_FALSE(has(count.lines[0], "DECODE RATE")) << count.lines[0];  // nothing decoded
+}
+
 TEST(BlackBox, MissingMessageStore) {
   tesk_test::TempHome empty;
   Answer only = tesk({"im"}, empty.path());
