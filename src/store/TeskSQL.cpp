@@ -65,6 +65,11 @@ TeskSQL::Table TeskSQL::run(const std::string& sql) {
   }
   // The prefix lets WITH ... DELETE through; SQLite itself knows whether it writes.
   if (!store_.isReadOnly(sql)) throw TeskStoreError::sql(refusal());
+  // SQLite would run the first and drop the rest without a word.
+  if (!store_.holdsOneStatement(sql)) {
+    throw TeskStoreError::sql(
+        "tesk sql runs one statement — this text holds more than one; send each on its own");
+  }
   Table table;
   bool named = false;
   store_.query(sql, [&](const TeskRowReader& r) {

@@ -400,6 +400,27 @@ void TeskStore::execute(const std::string& sql) {
   if (rc != SQLITE_OK) throw TeskStoreError::sql(error ? std::string(error.get()) : "exec failed");
 }
 
+bool TeskStore::holdsOneStatement(const std::string& sql) {
+  if (!db_) throw TeskStoreError::sql("closed");
+  const char* const end = sql.c_str() + sql.size();
+  const char* tail = nullptr;
+  sqlite3_stmt* raw = nullptr;
+  int rc = sqlite3_prepare_v2(db_.get(), sql.c_str(), static_cast<int>(sql.size()), &raw, &tail);
+  Statement first(raw);
+  if (rc != SQLITE_OK) throw TeskStoreError::sql(sqlite3_errmsg(db_.get()));
+  // SQLite prepares nothing from blanks, comments or a lone ';' and moves past them;
+  // anything else after the first statement, even text that does not parse, is more.
+  while (tail != nullptr && tail < end) {
+    const char* next = nullptr;
+    raw = nullptr;
+    rc = sqlite3_prepare_v2(db_.get(), tail, static_cast<int>(end - tail), &raw, &next);
+    Statement more(raw);
+    if (rc != SQLITE_OK || more || next == tail) return false;
+    tail = next;
+  }
+  return true;
+}
+
 bool TeskStore::isReadOnly(const std::string& sql) {
   if (!db_) throw TeskStoreError::sql("closed");
   Statement stmt = prepare(db_.get(), sql);

@@ -94,6 +94,9 @@ class TeskStore {
   // True when `sql` (its first statement) cannot write, as SQLite judges it.
   // Throws sql when it does not prepare.
   bool isReadOnly(const std::string& sql);
+  // True when `sql` holds one statement: what follows the first is only blanks,
+  // comments and semicolons. Throws sql when the first does not prepare.
+  bool holdsOneStatement(const std::string& sql);
 
   // The connection, for code that must register more on it (may be null).
   sqlite3* connection() const { return db_.get(); }

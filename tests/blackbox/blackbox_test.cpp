@@ -206,6 +206,10 @@ TEST(BlackBox, SqlVerbAnswersAndRefusesWrites) {
   expectFramed(refused);
   EXPECT_EQ(refused.lines[1],
             "tesk: sql: tesk sql accepts SELECT/WITH only — this binary has no write path");
+  Answer two = tesk({"sql", "SELECT 1; SELECT 2"}, h.path());
+  EXPECT_EQ(two.exit, 4);
+  expectFramed(two);
+  EXPECT_EQ(two.lines[1].rfind("tesk: sql: tesk sql runs one statement", 0), 0u) << two.text;
   EXPECT_EQ(tesk({"sql"}, h.path()).lines.front(), "tesk: `sql` needs a SELECT statement");
   EXPECT_EQ(tesk({"thread"}, h.path()).lines.front(), "tesk: `thread` needs --who");
 }

@@ -367,6 +367,42 @@ TEST(IMessageSQL, WritingStatementsAreRefused) {
   EXPECT_EQ(TeskIMessage::rawMessageCount(store), 14);
 }
 
+TEST(IMessageSQL, OneStatementOnly) {
+  ChatDB fx;
+  TeskStore store(fx.path);
+  TeskSQL sql(store, TeskIMessage::Filter{});
+  struct Case {
+    const char* text;
+    bool runs;
+  };
+  for (const Case& c : std::vector<Case>{
+           {"SELECT 1", true},
+           {"SELECT 1;", true},
+           {"SELECT 1 ;;  \n\t; ", true},
+           {"SELECT 1; -- the rest is a comment", true},
+           {"SELECT 1 /* block */ ; /* another */", true},
+           {"SELECT ';' AS x; ", true},
+           {"SELECT 1; SELECT 2", false},
+           {"SELECT 1;SELECT 2;", false},
+           {"SELECT 1; DELETE FROM message", false},
+           {"SELECT 1; -- x\nSELECT 2", false},
+           {"SELECT 1; not sql at all", false},
+       }) {
+    try {
+      TeskSQL::Table t = sql.run(c.text);
+      EXPECT_TRUE(c.runs) << "accepted: " << c.text;
+      ASSERT_EQ(t.rows.size(), 1u) << c.text;
+    } catch (const TeskStoreError& e) {
+      EXPECT_FALSE(c.runs) << c.text << ": " << e.description();
+      EXPECT_EQ(e.description(),
+                "sql: tesk sql runs one statement — this text holds more than one; send each on "
+                "its own")
+          << c.text;
+    }
+  }
+  EXPECT_EQ(TeskIMessage::rawMessageCount(store), 14);
+}
+
 TEST(IMessageSQL, WhoWithAQuoteStillMakesAValidView) {
   ChatDB fx;
   TeskStore store(fx.path);
