@@ -46,6 +46,7 @@ enum Code : int {
   invalidRequest = -32600,
   methodNotFound = -32601,
   invalidParams = -32602,
+  internalError = -32603,
 };
 
 // `id` is the request's id already written as JSON ("null" when it is unknown).

@@ -143,7 +143,7 @@ std::string TeskMCPServer::toolCall(const std::string& id, const TeskJSONValue::
   try {
     exit = runner_(call.args, out);
   } catch (const std::exception& e) {
-    return error(id, -32603, std::string("tesk: ") + e.what());
+    return error(id, internalError, std::string("tesk: ") + e.what());
   }
   out.flush();
   return result(id, TeskMCPTools::answer(exit, out.captured()));

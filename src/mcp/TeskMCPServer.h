@@ -34,7 +34,7 @@ class TeskMCPServer {
   bool serve(int in, int out);
 
  private:
-  // The response to one parsed message (or batch element); `id` as JSON.
+  // The response to one parsed message (or batch element). `id` below is JSON text.
   std::optional<std::string> message(const TeskJSONValue::Value& message);
   std::string request(const std::string& id, const std::string& method,
                       const TeskJSONValue::Value* params);

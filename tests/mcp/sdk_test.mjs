@@ -213,6 +213,35 @@ await check('twenty calls in one session', async () => {
   }
 });
 
+await check('nothing written into the home, no snapshot left behind', async () => {
+  assert.deepEqual(census(home), before);
+  assert.deepEqual(fs.readdirSync(tmp).filter((f) => !f.startsWith('tesk')), []);
+  const left = fs.readdirSync(tmp, { recursive: true }).filter((f) => /snapshot|\.db$|chat/.test(f));
+  assert.deepEqual(left, []);
+  assert.equal(stderr, '');
+});
+
+await check('each call is a fresh run: a message written between two calls is seen', async () => {
+  const count = async () => {
+    const r = await client.callTool({ name: 'sql', arguments: { text: 'SELECT count(*) AS n FROM tesk_message' } });
+    return Number(r.content[0].text.split('\n')[2]);
+  };
+  const n = await count();
+  // The test, not tesk, writes: one more message in the last message's chat.
+  const db = path.join(home, 'Library/Messages/chat.db');
+  const sql = `INSERT INTO message (guid, text, handle_id, date, is_from_me, service)
+                 SELECT guid || '-new', 'fresh row', handle_id, date + 1, is_from_me, service
+                 FROM message ORDER BY ROWID DESC LIMIT 1;
+               INSERT INTO chat_message_join (chat_id, message_id)
+                 SELECT chat_id, (SELECT max(ROWID) FROM message)
+                 FROM chat_message_join ORDER BY message_id DESC LIMIT 1;`;
+  const w = spawnSync('sqlite3', [db, sql], { encoding: 'utf8' });
+  assert.equal(w.status, 0, `sqlite3 (tools/setup installs it): ${w.error ?? w.stderr}`);
+  assert.equal(await count(), n + 1);
+  const found = await client.callTool({ name: 'search', arguments: { text: 'fresh row', format: 'tsv' } });
+  assert.match(found.content[0].text, /\tfresh row\n/);
+});
+
 await client.close();
 
 await check('stdout carries protocol only: a non-JSON line is answered and the server goes on', async () => {
@@ -223,14 +252,6 @@ await check('stdout carries protocol only: a non-JSON line is answered and the s
   assert.equal(lines.length, 2);
   assert.equal(lines[0].error.code, -32700);
   assert.deepEqual(lines[1], { jsonrpc: '2.0', id: 1, result: {} });
-});
-
-await check('nothing written into the home, no snapshot left behind', async () => {
-  assert.deepEqual(census(home), before);
-  assert.deepEqual(fs.readdirSync(tmp).filter((f) => !f.startsWith('tesk')), []);
-  const left = fs.readdirSync(tmp, { recursive: true }).filter((f) => /snapshot|\.db$|chat/.test(f));
-  assert.deepEqual(left, []);
-  assert.equal(stderr, '');
 });
 
 fs.rmSync(scratch, { recursive: true, force: true });
