@@ -92,6 +92,38 @@ std::optional<size_t> softBreakEnd(std::string_view bytes, size_t from) {
   return std::nullopt;
 }
 
+// True when `value` carries the parameter `lowerName` in any form, RFC 2231 ones
+// included (name=, name*=, name*0=, name*0*=).
+bool hasParameter(std::string_view lowerName, std::string_view value) {
+  size_t from = 0;
+  size_t at;
+  while ((at = findFolded(value, lowerName, from)) != std::string_view::npos) {
+    const size_t after = at + lowerName.size();
+    if (!wordCharBefore(value, at) && after < value.size() &&
+        (value[after] == '=' || value[after] == '*')) {
+      return true;
+    }
+    from = at + 1;
+  }
+  return false;
+}
+
+// A part the sender attached rather than wrote: its disposition says attachment,
+// or it names a file (Content-Disposition filename, or the older Content-Type name).
+bool isAttachment(std::string_view headers, std::string_view contentType) {
+  if (hasParameter("name", contentType)) return true;
+  const auto disposition = header("content-disposition", headers);
+  if (!disposition) return false;
+  const std::string_view type = trimSpacesTabs(disposition->substr(0, disposition->find(';')));
+  return equalsFolded(type, "attachment") || hasParameter("filename", *disposition);
+}
+
+PartResult undecodablePart() {
+  PartResult r;
+  r.kind = PartResult::Kind::undecodable;
+  return r;
+}
+
 bool isHTMLType(std::string_view media) {
   return media == "text/html" || media == "text/x-amp-html";
 }
@@ -269,32 +301,47 @@ PartResult part(std::string_view headers, std::string_view body, int depth) {
 
   if (media.starts_with("multipart/")) {
     const auto boundary = parameter("boundary", contentType);
-    if (!boundary) return PartResult{PartResult::Kind::undecodable, {}, false};
+    if (!boundary) return undecodablePart();
     std::string delimiter = "--";
     delimiter.append(*boundary);
     const auto pieces = split(body, delimiter);
     if (pieces.empty()) return PartResult{};
     std::optional<PartResult> html;
-    bool undecodable = false;
+    std::optional<PartResult> attached;
+    std::optional<PartResult> undecodable;  // the message's own text, if any failed
+    std::optional<PartResult> attachedUndecodable;
     for (std::string_view piece : pieces) {
       const Split inner = splitHeaders(piece);
       PartResult r = part(inner.headers, inner.body, depth + 1);
       if (r.kind == PartResult::Kind::text) {
-        if (!r.html) return r;
-        if (!html) html = std::move(r);
+        if (r.attached) {
+          if (!attached) attached = std::move(r);
+        } else if (!r.html) {
+          return r;
+        } else if (!html) {
+          html = std::move(r);
+        }
       } else if (r.kind == PartResult::Kind::undecodable) {
-        undecodable = true;
+        (r.attached ? attachedUndecodable : undecodable) = std::move(r);
       }
     }
-    if (html) return std::move(*html);
-    if (undecodable) return PartResult{PartResult::Kind::undecodable, {}, false};
+    // Own text that failed is counted as such; an attachment never stands in for it.
+    for (auto* r : {&html, &undecodable, &attached, &attachedUndecodable}) {
+      if (*r) return std::move(**r);
+    }
     return PartResult{};
   }
   if (media == "message/rfc822") {
     const Split inner = splitHeaders(body);
-    return part(inner.headers, inner.body, depth + 1);
+    PartResult r = part(inner.headers, inner.body, depth + 1);
+    r.attached = r.attached || isAttachment(headers, contentType);
+    return r;
   }
-  if (media.starts_with("text/")) return textPart(media, contentType, headers, body);
+  if (media.starts_with("text/")) {
+    PartResult r = textPart(media, contentType, headers, body);
+    r.attached = media == "text/calendar" || isAttachment(headers, contentType);
+    return r;
+  }
   return PartResult{};
 }
 

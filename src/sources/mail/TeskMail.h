@@ -198,9 +198,14 @@ struct PartResult {
   Kind kind = Kind::none;
   std::string text;  // UTF-8, only for Kind::text
   bool html = false;
+  // The text of a part the sender attached (Content-Disposition attachment, a file
+  // name) or of a calendar invitation: it is not the message's own text.
+  bool attached = false;
 };
-// Walks one part: text/plain anywhere wins over HTML; multiparts and
-// message/rfc822 are followed down to maxDepth.
+// Walks one part. Inside a multipart the message's own text/plain wins wherever it
+// stands, then its first HTML part; text the sender attached (a .txt file, a
+// text/calendar invitation, an attached message) is used only when the message has
+// no text of its own. Multiparts and message/rfc822 are followed down to maxDepth.
 PartResult part(std::string_view headers, std::string_view body, int depth);
 // Multipart splitting on a raw delimiter: preamble dropped, stops at the closing
 // delimiter; bytes after the last delimiter line are a last part (partial files).

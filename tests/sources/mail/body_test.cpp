@@ -183,6 +183,47 @@ TEST(MailDecode, MIMETrees) {
       {"AMP HTML is HTML", "Content-Type: text/x-amp-html\n\n<i>amp</i>", Tier::html, "amp"},
       {"other text types are plain", "Content-Type: text/calendar\n\nBEGIN:VCALENDAR", Tier::plain,
        "BEGIN:VCALENDAR"},
+      // The message's own text outranks what the sender attached.
+      {"HTML body beside a .txt attachment",
+       "Content-Type: multipart/mixed; boundary=m\n\n"
+       "--m\nContent-Type: text/html\n\n<p>own words</p>\n"
+       "--m\nContent-Type: text/plain\nContent-Disposition: attachment; filename=notes.txt\n\n"
+       "attached notes\n--m--",
+       Tier::html, "own words"},
+      {"a file name alone marks an attachment, in either header",
+       "Content-Type: multipart/mixed; boundary=m\n\n"
+       "--m\nContent-Type: text/plain; name=\"a.txt\"\n\nfirst file\n"
+       "--m\nContent-Type: text/plain\nContent-Disposition: inline;\n"
+       " filename*=UTF-8''n%C3%B6tes.txt\n\nsecond file\n"
+       "--m\nContent-Type: multipart/alternative; boundary=a\n\n"
+       "--a\nContent-Type: text/html\n\n<b>own</b>\n--a--\n--m--",
+       Tier::html, "own"},
+      {"a calendar invitation beside HTML",
+       "Content-Type: multipart/mixed; boundary=m\n\n"
+       "--m\nContent-Type: text/calendar; method=REQUEST\n\nBEGIN:VCALENDAR\n"
+       "--m\nContent-Type: text/html\n\nLunch?\n--m--",
+       Tier::html, "Lunch?"},
+      {"an attached message beside HTML",
+       "Content-Type: multipart/mixed; boundary=m\n\n"
+       "--m\nContent-Type: text/html\n\nsee below\n"
+       "--m\nContent-Type: message/rfc822\nContent-Disposition: attachment\n\n"
+       "Content-Type: text/plain\n\nforwarded\n--m--",
+       Tier::html, "see below"},
+      {"x-name is no file name",
+       "Content-Type: multipart/mixed; boundary=m\n\n"
+       "--m\nContent-Type: text/html\n\nhtml\n"
+       "--m\nContent-Type: text/plain; x-name=q\n\nplain\n--m--",
+       Tier::plain, "plain"},
+      {"attached text when the message has none of its own",
+       "Content-Type: multipart/mixed; boundary=m\n\n"
+       "--m\nContent-Type: image/png\n\n\x89PNG\n"
+       "--m\nContent-Type: text/plain\nContent-Disposition: attachment\n\nonly this\n--m--",
+       Tier::plain, "only this"},
+      {"own text that fails is not replaced by an attachment",
+       "Content-Type: multipart/mixed; boundary=m\n\n"
+       "--m\nContent-Type: text/plain\nContent-Transfer-Encoding: base64\n\n***\n"
+       "--m\nContent-Type: text/plain; name=a.txt\n\nattached\n--m--",
+       Tier::undecodable, ""},
       {"CRLF throughout",
        "Content-Type: multipart/alternative;\r\n boundary=\"c\"\r\n\r\n--c\r\n"
        "Content-Type: text/plain\r\n\r\nline one\r\nline two\r\n--c--\r\n",
