@@ -1,7 +1,9 @@
 // HTML to text (tags out, block tags as line breaks, script and style dropped),
 // character references, and the white-space normalisation every body goes through.
+#include <algorithm>
 #include <array>
 #include <cstring>
+#include <iterator>
 #include <string>
 
 #include "sources/mail/TeskMail.h"
@@ -65,17 +67,27 @@ void appendScalar(std::string& out, uint32_t cp) {
   }
 }
 
-struct Entity {
+// The HTML5 named character references: the name as written after '&' (with its ';'
+// where it takes one; 106 legacy names also stand without it), then one or two code
+// points. Sorted by bytes.
+struct NamedReference {
   std::string_view name;
-  uint32_t scalar;
+  uint32_t first;
+  uint32_t second;
 };
-constexpr std::array<Entity, 21> namedEntities = {{
-    {"amp", '&'},      {"lt", '<'},       {"gt", '>'},       {"quot", 0x22},     {"apos", 0x27},
-    {"nbsp", 0xA0},    {"mdash", 0x2014}, {"ndash", 0x2013}, {"hellip", 0x2026}, {"rsquo", 0x2019},
-    {"lsquo", 0x2018}, {"ldquo", 0x201C}, {"rdquo", 0x201D}, {"middot", 0xB7},   {"bull", 0x2022},
-    {"copy", 0xA9},    {"reg", 0xAE},     {"trade", 0x2122}, {"euro", 0x20AC},   {"pound", 0xA3},
-    {"deg", 0xB0},
-}};
+constexpr NamedReference kNamedReferences[] = {
+#include "sources/mail/TeskHTMLEntities.inc"
+};
+// The longest name, its ';' included.
+constexpr size_t kLongestName = 32;
+
+const NamedReference* namedReference(std::string_view name) {
+  const auto* end = std::end(kNamedReferences);
+  const auto* hit =
+      std::lower_bound(std::begin(kNamedReferences), end, name,
+                       [](const NamedReference& r, std::string_view n) { return r.name < n; });
+  return hit != end && hit->name == name ? hit : nullptr;
+}
 
 // A numeric reference body ("#123", "#x1F") as a value; nothing on anything else.
 std::optional<uint32_t> numericReference(std::string_view lowerName) {
@@ -156,42 +168,51 @@ std::string entities(std::string_view bytes) {
         amp ? static_cast<size_t>(static_cast<const char*>(amp) - bytes.data()) : bytes.size();
     out.append(bytes.substr(i, at - i));
     if (at >= bytes.size()) break;
-    // The name is 1 to 10 bytes between '&' and ';'.
-    const size_t reach = std::min(bytes.size(), at + 12);
-    size_t semi = std::string_view::npos;
-    for (size_t k = at + 1; k < reach; ++k) {
-      if (bytes[k] == ';') {
-        semi = k;
-        break;
+    // Whatever is not a reference leaves the '&' as text, and the scan goes on right
+    // after it, so a bare '&' never swallows the reference that follows it.
+    i = at + 1;
+    if (i < bytes.size() && bytes[i] == '#') {
+      // Numeric: "&#" then decimal digits, or x and hex digits, then ';'.
+      size_t k = i + 1;
+      while (k < bytes.size() && k - i <= 10 && isAlnum(bytes[k])) ++k;
+      if (k >= bytes.size() || bytes[k] != ';') {
+        out.push_back('&');
+        continue;
       }
-    }
-    if (semi == std::string_view::npos || semi == at + 1) {
-      out.push_back('&');
-      i = at + 1;
+      char folded[11];
+      const std::string_view raw = bytes.substr(i, k - i);
+      for (size_t n = 0; n < raw.size(); ++n) folded[n] = lowerASCII(raw[n]);
+      const auto value = numericReference(std::string_view(folded, raw.size()));
+      if (value && *value <= 0x10FFFF && (*value < 0xD800 || *value > 0xDFFF)) {
+        appendScalar(out, *value);
+        i = k + 1;
+      } else {
+        out.push_back('&');
+      }
       continue;
     }
-    const std::string_view raw = bytes.substr(at + 1, semi - at - 1);
-    char folded[10];
-    for (size_t n = 0; n < raw.size(); ++n) folded[n] = lowerASCII(raw[n]);
-    const std::string_view name(folded, raw.size());
-    bool written = false;
-    for (const Entity& e : namedEntities) {
-      if (e.name == name) {
-        appendScalar(out, e.scalar);
-        written = true;
-        break;
-      }
+    // Named, case-sensitive as HTML5 has it: the longest run of letters and digits
+    // with its ';', else the longest legacy name that stands without one (so
+    // "&copy2026" reads "(c)2026", as a browser shows it).
+    size_t run = 0;
+    while (i + run < bytes.size() && run < kLongestName && isAlnum(bytes[i + run])) ++run;
+    const NamedReference* hit = nullptr;
+    size_t used = 0;
+    if (run > 0 && i + run < bytes.size() && bytes[i + run] == ';') {
+      hit = namedReference(bytes.substr(i, run + 1));
+      used = run + 1;
     }
-    if (!written) {
-      if (auto value = numericReference(name)) {
-        if (*value <= 0x10FFFF && (*value < 0xD800 || *value > 0xDFFF)) {
-          appendScalar(out, *value);
-          written = true;
-        }
-      }
+    for (size_t n = run; !hit && n > 0; --n) {
+      hit = namedReference(bytes.substr(i, n));
+      used = n;
     }
-    if (!written) out.append(bytes.substr(at, semi - at + 1));
-    i = semi + 1;
+    if (!hit) {
+      out.push_back('&');
+      continue;
+    }
+    appendScalar(out, hit->first);
+    if (hit->second != 0) appendScalar(out, hit->second);
+    i += used;
   }
   return out;
 }
@@ -205,6 +226,8 @@ std::string normalize(std::string_view bytes) {
   while (i < n) {
     const unsigned char c = static_cast<unsigned char>(bytes[i]);
     if (c == '\r') {
+      // CR LF is one line break (the LF counts it); a CR alone is one too.
+      if (i + 1 >= n || bytes[i + 1] != '\n') ++run.newlines;
       ++i;
       continue;
     }

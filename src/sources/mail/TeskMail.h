@@ -230,11 +230,13 @@ std::optional<std::string> utf8(std::string_view bytes, std::optional<std::strin
 // Tags removed (block tags become LF, others a space), script and style dropped,
 // entities decoded.
 std::string stripHTML(std::string_view bytes);
-// Named (a fixed short table) and numeric character references decoded; anything
-// else kept as written.
+// Every HTML5 named character reference (case-sensitive; the legacy names also
+// without their ';') and numeric references ending in ';' decoded; anything else
+// kept as written, a bare '&' included.
 std::string entities(std::string_view bytes);
 // Leading and trailing white space dropped, blank runs made one space, runs with
-// line breaks one LF or one blank line; invalid UTF-8 is repaired.
+// line breaks (LF, CR LF or a lone CR) one LF or one blank line; invalid UTF-8 is
+// repaired.
 std::string normalize(std::string_view bytes);
 
 // Utilities the decoder shares

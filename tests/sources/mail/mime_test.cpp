@@ -66,7 +66,19 @@ TEST(MailEntities, Table) {
   } cases[] = {
       {"no amp here", "no amp here"},
       {"a &amp; b", "a & b"},
-      {"&AMP;&Lt;&gt;", "&<>"},  // names fold to lower case
+      {"&AMP;&Lt;&gt;", "&\xE2\x89\xAA>"},  // names are case-sensitive: Lt is U+226A
+      {"caf&eacute; &Eacute;t&eacute;", "caf\xC3\xA9 \xC3\x89t\xC3\xA9"},
+      {"&EACUTE;", "&EACUTE;"},                               // no such name
+      {"&CounterClockwiseContourIntegral;", "\xE2\x88\xB3"},  // the longest name
+      {"&NotEqualTilde;", "\xE2\x89\x82\xCC\xB8"},            // two code points
+      {"&zwnj;&rarr;&Omega;", "\xE2\x80\x8C\xE2\x86\x92\xCE\xA9"},
+      {"&copy2026 &lt3",
+       "\xC2\xA9"
+       "2026 <3"},  // legacy names stand without ';'
+      {"&notit;",
+       "\xC2\xAC"
+       "it;"},  // the longest name that is one, as browsers read it
+      {"&nbsp", "\xC2\xA0"},
       {"&#8212;", "\xE2\x80\x94"},
       {"&#x2014;&#X2014;", "\xE2\x80\x94\xE2\x80\x94"},
       {"&nbsp;", "\xC2\xA0"},
@@ -76,11 +88,12 @@ TEST(MailEntities, Table) {
       {"&#x110000;", "&#x110000;"},  // above U+10FFFF
       {"&#12a;", "&#12a;"},          // digits that do not parse
       {"&#;", "&#;"},
-      {"&;", "&;"},                        // empty name: '&' copied, scan goes on
-      {"AT&T", "AT&T"},                    // no ';' at all
-      {"&abcdefghijk;", "&abcdefghijk;"},  // name of 11 bytes is out of reach
-      {"&abcdefghij;", "&abcdefghij;"},    // 10 bytes is in reach but unknown
-      {"&&amp;", "&&amp;"},                // the name runs from the first '&': "&amp" is unknown
+      {"&;", "&;"},                      // empty name: '&' copied, scan goes on
+      {"AT&T", "AT&T"},                  // no ';' at all
+      {"&abcdefghij;", "&abcdefghij;"},  // unknown
+      {"&&amp;", "&&"},                  // a bare '&' does not swallow the next one
+      {"a & b &amp; c", "a & b & c"},
+      {"R&D &#38;&", "R&D &&"},
       {"&#65;&#x42;", "AB"},
   };
   for (const auto& c : cases) {
@@ -138,6 +151,9 @@ TEST(MailNormalize, Table) {
        "a"},  // repaired
       {"", ""},
       {" \r\n\t", ""},
+      {"a\rb", "a\nb"},  // a lone CR is a line break
+      {"a\r\rb\r", "a\n\nb"},
+      {"a\r\n\rb", "a\n\nb"},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(TeskMail::normalize(c.in), c.out) << c.in;
