@@ -46,11 +46,13 @@ const std::string kEnvelopeSQL =
     "WHERE (? = 0 OR m.date_received >= ?)\n"
     "  AND (? = 0 OR m.date_received <= ?)\n"
     "ORDER BY m.date_received";
+// Only dated rows: one negative date_received (a sentinel, a bad import) would be the
+// MIN, fail the pair's sanity test and leave only the window as the horizon.
 const std::string kHorizonSQL =
-    "SELECT MIN(date_received), MAX(date_received) FROM messages WHERE date_received != 0";
+    "SELECT MIN(date_received), MAX(date_received) FROM messages WHERE date_received > 0";
 const std::string kMailboxHorizonSQL =
     "SELECT mailbox, MIN(date_received), MAX(date_received)\n"
-    "FROM messages WHERE date_received != 0 GROUP BY mailbox";
+    "FROM messages WHERE date_received > 0 GROUP BY mailbox";
 
 constexpr int64_t kFreshnessSamples = 16;
 const std::string kUnknownMailbox = "(unknown mailbox)";

@@ -316,6 +316,25 @@ TEST_F(MailHome, SentThroughLabelsOrTheMessagesOwnMailbox) {
   EXPECT_EQ(r.perMailbox.at("Sent Messages"), 1);
 }
 
+TEST_F(MailHome, NegativeDatesLeaveTheHorizonsToTheStore) {
+  mailbox(1, kInbox);
+  mailbox(5, "imap://" + kAccount + "/Archive");
+  address(11, "alice@example.com");
+  message(601, kNow - 100 * kDay, 5, 11, "old");
+  message(602, -86400, 5, 11, "dated before 1970");
+  message(603, kNow - 40 * kDay, 1, 11, "inbox, before the window");
+  message(604, -1, 1, 11, "a sentinel");
+  message(605, kNow - 10 * kDay, 1, 11, "recent");
+  filter_.since = kNow - 30 * kDay;
+  const auto r = read();
+  ASSERT_EQ(r.rows.size(), 1u);
+  ASSERT_TRUE(r.horizon);
+  EXPECT_EQ(r.horizon->from, kNow - 100 * kDay);
+  EXPECT_EQ(r.horizon->to, kNow - 10 * kDay);
+  EXPECT_EQ(r.horizons.at("Archive").from, kNow - 100 * kDay);
+  EXPECT_EQ(r.horizons.at("INBOX").from, kNow - 40 * kDay);
+}
+
 TEST_F(MailHome, WindowHorizonsAndUndatedRows) {
   mailbox(1, kInbox);
   mailbox(5, "imap://" + kAccount + "/Archive");
