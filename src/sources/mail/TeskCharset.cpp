@@ -1,6 +1,7 @@
 // Charset conversion of MIME text parts to UTF-8, and UTF-8 validation and repair.
 // Conversions go through ICU converters opened by IANA name with the STOP
-// callback, so an invalid byte fails the part instead of becoming U+FFFD.
+// callback, so an invalid byte fails the part instead of becoming U+FFFD; only a
+// part declared UTF-8 is repaired, its bad bytes becoming U+FFFD.
 #include <unicode/ucnv.h>
 #include <unicode/ucnv_err.h>
 #include <unicode/ustring.h>
@@ -98,12 +99,15 @@ UConverter* converterFor(std::string_view name, bool& known) {
   return last.get();
 }
 
-bool isUTF8OrASCII(UConverter* conv) {
+bool isNamed(UConverter* conv, const char* canonicalName) {
   UErrorCode status = U_ZERO_ERROR;
   const char* canonical = ucnv_getName(conv, &status);
-  if (U_FAILURE(status) || canonical == nullptr) return false;
-  return std::strcmp(canonical, "UTF-8") == 0 || std::strcmp(canonical, "US-ASCII") == 0;
+  return U_SUCCESS(status) && canonical != nullptr && std::strcmp(canonical, canonicalName) == 0;
 }
+
+bool isUTF8(UConverter* conv) { return isNamed(conv, "UTF-8"); }
+
+bool isUTF8OrASCII(UConverter* conv) { return isUTF8(conv) || isNamed(conv, "US-ASCII"); }
 
 // Converts with the STOP callback; nothing when any byte is invalid in `conv`.
 std::optional<std::string> convert(UConverter* conv, std::string_view bytes) {
@@ -198,8 +202,10 @@ std::optional<std::string> utf8(std::string_view bytes, std::optional<std::strin
       if (known && conv != nullptr) {
         if (isUTF8OrASCII(conv)) {
           // Unchanged when valid; ASCII is a subset, so the UTF-8 check covers both
-          // and the fallback below gives the same answer.
+          // and the fallback below gives the same answer. A part declared UTF-8 keeps
+          // its text when a byte is bad: that byte, not the body, is lost (U+FFFD).
           if (isValidUTF8(bytes)) return std::string(bytes);
+          if (isUTF8(conv)) return repairUTF8(bytes);
           return std::nullopt;
         }
         if (auto converted = convert(conv, bytes)) return converted;

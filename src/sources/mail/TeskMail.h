@@ -221,8 +221,9 @@ std::optional<std::string> base64(std::string_view bytes);
 // Soft line breaks removed ('=' then optional blanks, then a line break or the end
 // of the part), =XX escapes decoded, any other '=' kept.
 std::string quotedPrintable(std::string_view bytes);
-// `bytes` in the named charset as UTF-8. UTF-8 and ASCII names, unknown names and
-// bytes that fail to convert fall back to "valid UTF-8 unchanged", else nothing.
+// `bytes` in the named charset as UTF-8. A part declared UTF-8 is repaired (each
+// invalid sequence one U+FFFD); ASCII names, unknown names and bytes that fail to
+// convert fall back to "valid UTF-8 unchanged", else nothing.
 std::optional<std::string> utf8(std::string_view bytes, std::optional<std::string_view> charset);
 
 // HTML and whitespace

@@ -153,11 +153,11 @@ TEST(MailDecode, MIMETrees) {
        Tier::html, "first"},
       {"undecodable part alone",
        "Content-Type: multipart/mixed; boundary=m\n\n"
-       "--m\nContent-Type: text/plain; charset=utf-8\n\ncaf\xE9\n--m--",
+       "--m\nContent-Type: text/plain; charset=us-ascii\n\ncaf\xE9\n--m--",
        Tier::undecodable, ""},
       {"plain after an undecodable part still wins",
        "Content-Type: multipart/mixed; boundary=m\n\n"
-       "--m\nContent-Type: text/plain; charset=utf-8\n\ncaf\xE9\n"
+       "--m\nContent-Type: text/plain; charset=us-ascii\n\ncaf\xE9\n"
        "--m\nContent-Type: text/plain\n\nok\n--m--",
        Tier::plain, "ok"},
       {"partial: last part without closing delimiter",
@@ -170,8 +170,9 @@ TEST(MailDecode, MIMETrees) {
        Tier::plain, "caf\xC3\xA9 joined =ZZ"},
       {"windows-1252 E9", "Content-Type: text/plain; charset=windows-1252\n\ncaf\xE9", Tier::plain,
        "caf\xC3\xA9"},
-      {"E9 declared UTF-8", "Content-Type: text/plain; charset=utf-8\n\ncaf\xE9", Tier::undecodable,
-       ""},
+      {"E9 declared UTF-8 is one U+FFFD",
+       "Content-Type: text/plain; charset=utf-8\n\ncaf\xE9 au lait", Tier::plain,
+       "caf\xEF\xBF\xBD au lait"},
       // </p> and <p> each give a line break; the run of two is one blank line.
       {"two HTML paragraphs", "Content-Type: text/html\n\n<p>a</p><p>b</p>", Tier::html, "a\n\nb"},
       {"line break tag", "Content-Type: text/html\n\na<br>b", Tier::html, "a\nb"},

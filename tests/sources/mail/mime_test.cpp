@@ -264,7 +264,9 @@ TEST(MailCharset, Conversions) {
   } cases[] = {
       {"windows-1252 E9", "caf\xE9", "windows-1252", "caf\xC3\xA9"},
       {"windows-1252 smart quote", "\x93q\x94", "windows-1252", "\xE2\x80\x9Cq\xE2\x80\x9D"},
-      {"E9 declared UTF-8 fails", "caf\xE9", "utf-8", std::nullopt},
+      // One bad byte in a part declared UTF-8 is that byte lost, not the part.
+      {"E9 declared UTF-8 is repaired", "caf\xE9 ok", "utf-8", "caf\xEF\xBF\xBD ok"},
+      {"any UTF-8 alias repairs", "\xC3(\xFF)", "utf8", "\xEF\xBF\xBD(\xEF\xBF\xBD)"},
       {"E9 declared us-ascii fails", "caf\xE9", "us-ascii", std::nullopt},
       {"UTF-8 unchanged", "caf\xC3\xA9", "UTF-8", "caf\xC3\xA9"},
       {"iso-8859-1", "\xFC", "iso-8859-1", "\xC3\xBC"},
