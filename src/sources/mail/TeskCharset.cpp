@@ -6,9 +6,11 @@
 #include <unicode/ucnv_err.h>
 #include <unicode/ustring.h>
 
+#include <array>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "sources/mail/TeskMail.h"
 
@@ -53,20 +55,82 @@ struct ConverterClose {
 };
 using Converter = std::unique_ptr<UConverter, ConverterClose>;
 
-// Names whose usual payload is a superset encoding: mail labelled gb2312 routinely
-// holds GBK characters, and GBK decodes every valid GB2312 byte the same way.
+bool equalsFolded(std::string_view a, std::string_view lower) {
+  if (a.size() != lower.size()) return false;
+  for (size_t i = 0; i < a.size(); ++i) {
+    char c = a[i];
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    if (c != lower[i]) return false;
+  }
+  return true;
+}
+
+// Names ICU knows under another name. Mail labelled gb2312 routinely holds GBK
+// characters, and GBK decodes every valid GB2312 byte the same way; Mail's
+// x-mac-ukrainian is the Mac Cyrillic table ICU calls x-MacUkraine.
 std::string_view icuName(std::string_view name) {
-  static constexpr std::string_view gb2312 = "gb2312";
-  if (name.size() == gb2312.size()) {
-    bool same = true;
-    for (size_t i = 0; i < name.size(); ++i) {
-      char c = name[i];
-      if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-      same = same && c == gb2312[i];
-    }
-    if (same) return "GBK";
+  static constexpr std::pair<std::string_view, std::string_view> kAliases[] = {
+      {"gb2312", "GBK"},
+      {"x-mac-ukrainian", "x-MacUkraine"},
+  };
+  for (const auto& [alias, icu] : kAliases) {
+    if (equalsFolded(name, alias)) return icu;
   }
   return name;
+}
+
+// Single-byte charsets that Mail's converter knows and ICU's data lacks: bytes
+// 0x00-0x7F are ASCII, the upper half comes from a generated table.
+#include "sources/mail/TeskCharsetTables.inc"
+
+struct SingleByte {
+  std::string_view name;  // lower case
+  const std::array<char16_t, 128>* upper;
+};
+constexpr SingleByte kSingleByte[] = {
+    {"iso-8859-16", &k_iso8859_16},
+    {"iso_8859-16", &k_iso8859_16},
+    {"iso_8859-16:2001", &k_iso8859_16},
+    {"iso-ir-226", &k_iso8859_16},
+    {"latin10", &k_iso8859_16},
+    {"l10", &k_iso8859_16},
+    {"koi8-ru", &k_koi8_ru},
+    {"x-mac-icelandic", &k_mac_icelandic},
+    {"x-mac-iceland", &k_mac_icelandic},
+    {"macicelandic", &k_mac_icelandic},
+    {"x-mac-croatian", &k_mac_croatian},
+    {"maccroatian", &k_mac_croatian},
+    {"x-mac-romanian", &k_mac_romanian},
+    {"macromanian", &k_mac_romanian},
+};
+
+const std::array<char16_t, 128>* singleByteTable(std::string_view name) {
+  for (const SingleByte& s : kSingleByte) {
+    if (equalsFolded(name, s.name)) return s.upper;
+  }
+  return nullptr;
+}
+
+// Every byte of a single-byte charset is one BMP character.
+std::string fromSingleByte(std::string_view bytes, const std::array<char16_t, 128>& upper) {
+  std::string out;
+  out.reserve(bytes.size() * 2);
+  for (char byte : bytes) {
+    const auto b = static_cast<unsigned char>(byte);
+    if (b < 0x80) {
+      out.push_back(byte);
+      continue;
+    }
+    const char16_t cp = upper[b - 0x80];
+    if (cp < 0x800) {
+      out.push_back(static_cast<char>(0xC0 | cp >> 6));
+    } else {
+      out.push_back(static_cast<char>(0xE0 | cp >> 12));
+      out.push_back(static_cast<char>(0x80 | (cp >> 6 & 0x3F)));
+    }
+    out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+  }
+  return out;
 }
 
 // The converter for `name`, kept open across calls: opening one costs more than
@@ -209,6 +273,8 @@ std::optional<std::string> utf8(std::string_view bytes, std::optional<std::strin
           return std::nullopt;
         }
         if (auto converted = convert(conv, bytes)) return converted;
+      } else if (const auto* upper = singleByteTable(name)) {
+        return fromSingleByte(bytes, *upper);
       }
     }
   }
