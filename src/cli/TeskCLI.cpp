@@ -91,6 +91,9 @@ int32_t reportVerb(const std::string& verb, const std::vector<std::string>& args
 TeskIMessage::Filter buildFilter(const std::string& verb, const Options& o) {
   TeskIMessage::Filter f;
   f.since = o.since;
+  // A cursor is not a bound for the producers: some place a row by another instant
+  // than its ts (a reminder's due date) or round a bound to their epoch, so every page
+  // reads what the first read, and the cut is made on the merged rows alone.
   f.until = o.until;
   f.who = o.who;
   f.direction = o.direction;
@@ -114,6 +117,26 @@ std::string joinKeys(const std::vector<std::string>& keys) {
 
 bool contains(const std::vector<std::string>& v, const std::string& k) {
   return std::find(v.begin(), v.end(), k) != v.end();
+}
+
+// The page after a cursor: the merged rows are in answer order, oldest first, so the
+// rows the earlier pages showed are the newest ones, at the end.
+void applyCursor(const TeskCursor& cursor, Accumulator& acc) {
+  auto shown = std::partition_point(acc.rows.begin(), acc.rows.end(),
+                                    [&cursor](const TeskRow& row) { return cursor.admits(row); });
+  for (auto it = shown; it != acc.rows.end(); ++it) --acc.perSource[it->src];
+  acc.rows.erase(shown, acc.rows.end());
+}
+
+// The start of the window every page of one answer must share: the given or default
+// --since, pinned to its exact instant so a relative one does not move with the clock;
+// a calendar-only answer's window starts where the calendar's did.
+std::optional<double> pageStart(const Options& opts, const std::vector<std::string>& keys,
+                                const Accumulator& acc) {
+  if (opts.since) return opts.since;
+  auto cal = acc.horizons.find("cal");
+  if (keys == std::vector<std::string>{"cal"} && cal != acc.horizons.end()) return cal->second.from;
+  return std::nullopt;
 }
 
 }  // namespace
@@ -279,6 +302,8 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
     }
   }
 
+  if (opts.cursor) applyCursor(*opts.cursor, acc);
+
   // Notes that follow the producers' own.
   if (acc.calendarForwardNote) acc.notes.push_back(*acc.calendarForwardNote);
   if (defaultWindow) acc.notes.push_back("default window 30d applied — pass --since to widen");
@@ -301,10 +326,12 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
   r.perSource = acc.perSource;
   r.horizons = acc.horizons;
   if (acc.horizon) r.horizon = acc.horizon;
-  if (opts.since || opts.until) {
+  std::optional<double> until = opts.until;
+  if (opts.cursor) until = std::min(until.value_or(HUGE_VAL), opts.cursor->ts);
+  if (opts.since || until) {
     // An open end of the window is as far as the stores read actually reach.
     double from = opts.since ? *opts.since : (acc.horizon ? acc.horizon->from : 0);
-    double to = opts.until ? *opts.until : std::max(now, acc.horizon ? acc.horizon->to : now);
+    double to = until ? *until : std::max(now, acc.horizon ? acc.horizon->to : now);
     r.window = TeskSpan{from, to};
   }
 
@@ -348,6 +375,11 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
     r.mode = o.mode;
     r.spill = o.spill;
     r.next = o.next;
+    if (r.next) {
+      if (auto start = pageStart(opts, keys, acc)) {
+        r.next = "--since " + TeskTime::exactString(*start) + " " + *r.next;
+      }
+    }
   }
   acc.messageStore.reset();  // release the snapshot before the answer is written
   r.notes = notesWithDecode();

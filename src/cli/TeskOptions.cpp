@@ -107,6 +107,12 @@ Options Options::parse(const std::vector<std::string>& args, const std::string& 
       o.unreadOnly = true;
     } else if (a == "--db") {
       o.dbPath = value();
+    } else if (a == "--cursor") {
+      const std::string& v = value();
+      o.cursor = TeskCursor::parse(v);
+      if (!o.cursor) {
+        throw OptionError("cannot parse --cursor " + v + " (pass a receipt's `next` as it stands)");
+      }
     } else if (a == "--budget") {
       auto n = parseInteger(value());
       if (!n || *n < 1) throw OptionError("--budget needs a positive number");

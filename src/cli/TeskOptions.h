@@ -9,6 +9,7 @@
 
 #include "cli/TeskRegex.h"
 #include "report/TeskBucket.h"
+#include "report/TeskCursor.h"
 #include "report/TeskEmitter.h"
 #include "report/TeskRow.h"
 
@@ -39,6 +40,8 @@ struct Options {
   int64_t budget = 30000;
   bool appliedDefaultWindow = false;
   std::optional<TeskBucket::Kind> by;
+  // --cursor: continue an answer after this row (the `next` of a capped answer).
+  std::optional<TeskCursor> cursor;
 
   // Parses the arguments after the verb; throws OptionError at the first bad one.
   // `zone` is the local zone for dates without a designator ("" = process zone).

@@ -12,12 +12,12 @@
 namespace TeskCLI {
 namespace {
 
-// Stable, so equal instants keep source order: im, browsers, mail, calendar, reminders.
-// The merged list is always sorted and a producer's rows nearly always are, so one
-// stable merge replaces a sort of everything (the sort was a tenth of a 34,000-visit
-// span); a source whose rows arrive out of order is sorted on its own first.
+// In answer order (TeskRow::answerOrder), whose ties paging relies on. The merged list
+// is always sorted and a producer's rows nearly always are, so one merge replaces a
+// sort of everything (the sort was a tenth of a 34,000-visit span); a source whose
+// rows arrive out of order is sorted on its own first.
 void mergeSorted(Accumulator& acc, std::vector<TeskRow>&& rows) {
-  const auto byTime = [](const TeskRow& a, const TeskRow& b) { return a.ts < b.ts; };
+  const auto byTime = TeskRow::answerOrder;
   const auto first = static_cast<std::ptrdiff_t>(acc.rows.size());
   acc.rows.insert(acc.rows.end(), std::make_move_iterator(rows.begin()),
                   std::make_move_iterator(rows.end()));

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cctype>
+#include <charconv>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -133,6 +134,32 @@ std::optional<double> wholeNumber(std::string_view text) {
   return v;
 }
 
+// 10^n − F for the n digits F (not all zero): the fraction that complements 0.F to 1.
+// A negative instant is a whole second below it plus a fraction, written that way in
+// ISO; its decimal has the complement as its own fraction.
+std::string complementDigits(std::string_view f) {
+  std::string out(f);
+  size_t last = out.find_last_not_of('0');
+  if (last == std::string::npos) return out;
+  out[last] = static_cast<char>('0' + (10 - (out[last] - '0')));
+  for (size_t i = 0; i < last; ++i) out[i] = static_cast<char>('0' + (9 - (out[i] - '0')));
+  return out;
+}
+
+// Whole seconds plus the fraction 0.F, rounded once: the text "B.F" (or, below zero,
+// "-(|B|-1).(10^n-F)") goes to the correctly rounded decimal reader.
+double wholePlusFraction(int64_t whole, std::string_view fraction) {
+  if (fraction.find_first_not_of('0') == std::string_view::npos) {
+    return static_cast<double>(whole);
+  }
+  std::string text = whole >= 0
+                         ? std::to_string(whole) + "." + std::string(fraction)
+                         : "-" + std::to_string(-(whole + 1)) + "." + complementDigits(fraction);
+  double out = 0;
+  std::from_chars(text.data(), text.data() + text.size(), out);
+  return out;
+}
+
 }  // namespace
 
 int64_t daysFromCivil(int64_t y, unsigned m, unsigned d) {
@@ -241,6 +268,14 @@ std::optional<double> parseISO(std::string_view t) {
   if (!validDate(y, mo, d) || !validTime(h, mi, s)) return std::nullopt;
   int offset = 0;
   std::string_view zone = t.substr(19);
+  std::string_view fraction;
+  if (!zone.empty() && zone.front() == '.') {
+    size_t end = 1;
+    while (end < zone.size() && zone[end] >= '0' && zone[end] <= '9') ++end;
+    if (end == 1) return std::nullopt;
+    fraction = zone.substr(1, end - 1);
+    zone.remove_prefix(end);
+  }
   if (zone == "Z") {
     offset = 0;
   } else if (zone.size() == 6 && (zone[0] == '+' || zone[0] == '-') && zone[3] == ':') {
@@ -253,7 +288,7 @@ std::optional<double> parseISO(std::string_view t) {
     return std::nullopt;
   }
   int64_t days = daysFromCivil(y, static_cast<unsigned>(mo), static_cast<unsigned>(d));
-  return static_cast<double>(days * 86400 + h * 3600 + mi * 60 + s - offset);
+  return wholePlusFraction(days * 86400 + h * 3600 + mi * 60 + s - offset, fraction);
 }
 
 std::string isoString(double unixSeconds) {
@@ -279,6 +314,22 @@ std::string isoString(double unixSeconds) {
   put(14, static_cast<unsigned>(rem / 60 % 60), 2);
   put(17, static_cast<unsigned>(rem % 60), 2);
   return std::string(buf, sizeof buf);
+}
+
+std::string exactString(double unixSeconds) {
+  std::string whole = isoString(unixSeconds);
+  if (!std::isfinite(unixSeconds) || std::floor(unixSeconds) == unixSeconds) return whole;
+  // The shortest decimal that reads back as this double; its fraction digits (or
+  // their complement below zero) follow the floored second.
+  char buf[512];
+  auto [end, ec] = std::to_chars(buf, buf + sizeof buf, unixSeconds, std::chars_format::fixed);
+  if (ec != std::errc()) return whole;
+  std::string_view text(buf, static_cast<size_t>(end - buf));
+  size_t dot = text.find('.');
+  if (dot == std::string_view::npos) return whole;
+  std::string_view digits = text.substr(dot + 1);
+  whole.pop_back();  // the "Z"
+  return whole + "." + (unixSeconds < 0 ? complementDigits(digits) : std::string(digits)) + "Z";
 }
 
 std::optional<double> parseWhen(std::string_view text, double now, const std::string& zone) {

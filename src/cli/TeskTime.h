@@ -26,11 +26,16 @@ inline constexpr double webkitEpochOffset = -11644473600.0;  // 1601-01-01 -> 19
 // "yyyy-MM-dd HH:mm", yyyy-MM.
 std::optional<double> parseWhen(std::string_view text, double now, const std::string& zone = {});
 
-// Exactly the internet date-time form with a zone designator, no fractional seconds.
+// The internet date-time form with a zone designator; fractional seconds, when
+// present, are read exactly (the decimal's nearest double, not a sum of two roundings).
 std::optional<double> parseISO(std::string_view text);
 
 // UTC internet date-time, "Z", whole seconds (floored): 2026-01-01T09:30:00Z.
 std::string isoString(double unixSeconds);
+// The same form with as many fractional digits as it takes for parseISO to give back
+// exactly this double (none for a whole second): 2026-01-01T09:30:00.1234567Z.
+// Paging hints are written this way, so no row is lost to a rounded second.
+std::string exactString(double unixSeconds);
 
 // Messages dates: whole seconds since 2001 up to 1e12 in magnitude, nanoseconds above.
 double fromAppleDate(int64_t value);

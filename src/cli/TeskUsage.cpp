@@ -45,6 +45,13 @@ selectors — identical on every verb
                          one row per bucket instead of per message. Time buckets
                          are LOCAL — the day the person was standing in, not UTC.
   --limit N              default 50; 0 means no limit
+  --cursor T,ID          where a capped answer stopped. Append the receipt's
+                         `next` (`--since` pinned to its exact instant, then
+                         `--cursor <exact instant>,<id of the last row shown>`)
+                         to the same command for the next page. Rows come newest
+                         first; rows at one instant come in a fixed order
+                         (reminder, cal, mail, safari, arc, chrome, im; then id),
+                         so the pages together hold every row exactly once.
   --format auto|tsv|json|agg
                          auto (default): rows when the complete answer fits the
                          budget, an aggregate when it does not — so a head of a

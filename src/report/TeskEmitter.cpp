@@ -14,6 +14,7 @@
 
 #include "cli/TeskText.h"
 #include "cli/TeskTime.h"
+#include "report/TeskCursor.h"
 #include "report/TeskJSON.h"
 
 namespace {
@@ -306,7 +307,7 @@ TeskEmitter::Output TeskEmitter::emit(std::span<const TeskRow> rows) const {
     output.capped = kept < total;
     if (output.capped) {
       output.next =
-          "--until " + TeskTime::isoString(rows[rows.size() - static_cast<size_t>(kept)].ts);
+          "--cursor " + TeskCursor::after(rows[rows.size() - static_cast<size_t>(kept)]).render();
     }
     return output;
   }

@@ -24,7 +24,7 @@ class TeskEmitter {
     int64_t rowsOut = 0;             // rows written, or the rows an aggregate covers
     bool capped = false;             // the written rows are a head of the answer
     std::optional<std::string> spill;
-    std::optional<std::string> next;  // "--until <iso>" continuing a capped answer
+    std::optional<std::string> next;  // "--cursor <instant>,<id>" continuing a capped answer
   };
 
   // `tmpDir` is the user's temporary directory ($TMPDIR or /tmp); spill files go to

@@ -1,5 +1,7 @@
 #include "report/TeskRow.h"
 
+#include <array>
+
 std::string TeskAttachment::label() const {
   if (name && !name->empty()) return *name;
   if (path && !path->empty()) {
@@ -41,4 +43,23 @@ std::optional<TeskRow::Direction> TeskRow::directionFromRaw(std::string_view raw
   if (raw == "in") return Direction::incoming;
   if (raw == "out") return Direction::outgoing;
   return std::nullopt;
+}
+
+int TeskRow::sourceRank(std::string_view src) {
+  static constexpr std::array<std::string_view, 7> kOrder{"im",   "chrome", "arc",     "safari",
+                                                          "mail", "cal",    "reminder"};
+  for (size_t i = 0; i < kOrder.size(); ++i) {
+    if (kOrder[i] == src) return static_cast<int>(i);
+  }
+  return static_cast<int>(kOrder.size());
+}
+
+bool TeskRow::answerOrder(const TeskRow& a, const TeskRow& b) {
+  if (a.ts != b.ts) return a.ts < b.ts;
+  if (a.src != b.src) {
+    const int ra = sourceRank(a.src), rb = sourceRank(b.src);
+    return ra != rb ? ra < rb : a.src < b.src;
+  }
+  if (a.id.size() != b.id.size()) return a.id.size() < b.id.size();
+  return a.id < b.id;
 }

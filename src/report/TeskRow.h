@@ -42,4 +42,14 @@ struct TeskRow {
   // Exact, case-sensitive match of the raw strings; nothing for any other text.
   static std::optional<Kind> kindFromRaw(std::string_view raw);
   static std::optional<Direction> directionFromRaw(std::string_view raw);
+
+  // The one order of every answer, oldest first (the emitter shows it reversed, newest
+  // first): `ts` ascending; at one instant, sources in reading order (im, chrome, arc,
+  // safari, mail, cal, reminder, then any other key by name); then `id`, shorter first,
+  // then byte order (so "im:9" comes before "im:10"). Ids are unique per source, so
+  // the order is total, and a cursor naming one row splits an answer exactly. Merges
+  // and paging both use it.
+  static bool answerOrder(const TeskRow& a, const TeskRow& b);
+  // The position of a source key in that order.
+  static int sourceRank(std::string_view src);
 };

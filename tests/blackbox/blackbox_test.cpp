@@ -189,7 +189,8 @@ TEST(BlackBox, MessagesAnswerWithReceiptsAndExitCodes) {
 
   Answer limited = tesk({"im", "--limit", "2"}, h.path());
   EXPECT_TRUE(has(limited.lines[0], "\"rows_total\":5,\"rows_out\":2,\"capped\":true"));
-  EXPECT_TRUE(has(limited.lines[0], "\"next\":\"--until "));
+  EXPECT_TRUE(has(limited.lines[0], "\"next\":\"--since "));
+  EXPECT_TRUE(has(limited.lines[0], " --cursor "));
 }
 
 TEST(BlackBox, SqlVerbAnswersAndRefusesWrites) {

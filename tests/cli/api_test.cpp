@@ -37,7 +37,7 @@ TEST(TeskAPI, DocumentParsesWithTheTablesInOrder) {
   EXPECT_EQ(*verbs.array()->back().member("name")->string(), "api");
   EXPECT_EQ(*entry(verbs, "name", "who")->member("answers")->string(),
             "handle \u2192 canonical person, and every handle they use");
-  EXPECT_EQ(doc->member("selectors")->array()->size(), 16u);
+  EXPECT_EQ(doc->member("selectors")->array()->size(), 17u);
   EXPECT_EQ(doc->member("sources")->array()->size(), 5u);
   EXPECT_EQ(
       strings(*doc->member("selectableVerbs")),

@@ -107,9 +107,40 @@ TEST(TeskTime, ISO) {
   EXPECT_EQ(TeskTime::isoString(-1), "1969-12-31T23:59:59Z");
   EXPECT_EQ(TeskTime::isoString(951782400), "2000-02-29T00:00:00Z");
   EXPECT_EQ(TeskTime::parseISO("2026-01-01T09:30:00Z"), 1767259800);
-  EXPECT_EQ(TeskTime::parseISO("2026-01-01T09:30:00.5Z"), std::nullopt);
+  EXPECT_EQ(TeskTime::parseISO("2026-01-01T09:30:00.5Z"), 1767259800.5);
+  EXPECT_EQ(TeskTime::parseISO("2026-01-01T09:30:00.Z"), std::nullopt);
   EXPECT_EQ(TeskTime::parseISO("2026-01-01 09:30:00Z"), std::nullopt);
   EXPECT_EQ(TeskTime::parseISO("2026-01-01T09:30:00"), std::nullopt);
+}
+
+// Paging hints carry instants that must read back as the very same double.
+TEST(TeskTime, ExactStringReadsBackBitForBit) {
+  EXPECT_EQ(TeskTime::exactString(1767259800), "2026-01-01T09:30:00Z");
+  EXPECT_EQ(TeskTime::exactString(1767259800.5), "2026-01-01T09:30:00.5Z");
+  EXPECT_EQ(TeskTime::exactString(-0.25), "1969-12-31T23:59:59.75Z");
+  std::vector<double> values{0.1,
+                             1e-7,
+                             -1e-7,
+                             -1.75,
+                             -86400.125,
+                             978307200.000000001,
+                             std::nextafter(1767259800.0, 2e9),
+                             std::nextafter(1767259800.0, 0)};
+  // Message dates are nanoseconds since 2001 and web dates microseconds since 1601.
+  uint64_t x = 88172645463325252ull;
+  for (int i = 0; i < 20000; ++i) {
+    x ^= x << 13, x ^= x >> 7, x ^= x << 17;
+    values.push_back(
+        TeskTime::fromAppleDate(static_cast<int64_t>(x % 900000000000000000ull) + 1000000000001));
+    values.push_back(TeskTime::fromWebKitDate(static_cast<int64_t>(x % 14000000000000000ull)));
+  }
+  for (double v : values) {
+    const std::string text = TeskTime::exactString(v);
+    auto back = TeskTime::parseISO(text);
+    ASSERT_TRUE(back) << text;
+    EXPECT_EQ(*back, v) << text;
+    EXPECT_EQ(TeskTime::parseWhen(text, 0), v) << text;
+  }
 }
 
 TEST(TeskTime, Epochs) {

@@ -76,8 +76,8 @@ TEST(TeskEmitter, LimitKeepsTheNewestAndNamesTheContinuation) {
   EXPECT_TRUE(out.capped);
   // The 50th newest row is the oldest one written: index 50 ascending.
   ASSERT_TRUE(out.next);
-  EXPECT_EQ(*out.next, "--until " + TeskTime::isoString(rows[50].ts));
-  EXPECT_EQ(*out.next, "--until 2026-01-01T00:50:00Z");
+  EXPECT_EQ(*out.next, "--cursor " + TeskTime::exactString(rows[50].ts) + "," + rows[50].id);
+  EXPECT_EQ(*out.next, "--cursor 2026-01-01T00:50:00Z,im:50");
   EXPECT_FALSE(out.spill);
 }
 
@@ -260,7 +260,7 @@ TEST(TeskEmitter, JsonFormatWritesNoHeader) {
   for (const auto& line : out.lines) EXPECT_TRUE(TeskJSONValue::parse(line)) << line;
   EXPECT_NE(out.lines[0].find("\"id\":\"im:2\""), std::string::npos);
   EXPECT_TRUE(out.capped);
-  EXPECT_EQ(*out.next, "--until 2026-01-01T00:01:00Z");
+  EXPECT_EQ(*out.next, "--cursor 2026-01-01T00:01:00Z,im:1");
 }
 
 TEST(TeskEmitter, AggregateCounts) {

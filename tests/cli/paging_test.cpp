@@ -1,0 +1,183 @@
+// Paging: following `next` from the first page to the last yields the complete
+// answer, every row once and in order, whatever rows share an instant or a second.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <sstream>
+
+#include "cli/TeskCLI.h"
+#include "cli/TeskTime.h"
+#include "common/TeskTestHome.h"
+#include "report/TeskJSONValue.h"
+
+namespace {
+
+constexpr double kT = 1790000000;  // a whole second, 2026-09-21T...Z
+
+struct Answer {
+  int exit = -1;
+  std::string receipt;
+  std::vector<std::string> rows;  // TSV rows, header left out
+};
+
+Answer run(const std::string& home, std::vector<std::string> args, double now) {
+  TeskCLI::Environment env;
+  env.home = home;
+  env.tmpdir = home;
+  env.zone = "UTC";
+  env.clock = [now] { return now; };
+  TeskOut out(TeskOut::Sink::memory);
+  args.insert(args.begin(), "tesk");
+  Answer a;
+  a.exit = TeskCLI::run(args, out, env);
+  std::string text = out.captured();
+  std::vector<std::string> lines;
+  for (size_t start = 0; start < text.size();) {
+    size_t end = text.find('\n', start);
+    lines.push_back(text.substr(start, end - start));
+    start = end + 1;
+  }
+  EXPECT_GE(lines.size(), 2u) << text;
+  if (lines.size() < 2) return a;
+  EXPECT_EQ(lines.front(), lines.back());
+  a.receipt = lines.front();
+  for (size_t i = 1; i + 1 < lines.size(); ++i) {
+    if (lines[i] != "id\tts\twho\tdir\tkind\tgroup\ttext") a.rows.push_back(lines[i]);
+  }
+  return a;
+}
+
+std::optional<std::string> nextOf(const std::string& receipt) {
+  auto doc = TeskJSONValue::parse(receipt.substr(6));
+  EXPECT_TRUE(doc) << receipt;
+  const auto* next = doc ? doc->member("next") : nullptr;
+  if (next == nullptr) return std::nullopt;
+  return *next->string();
+}
+
+std::vector<std::string> words(const std::string& text) {
+  std::vector<std::string> out;
+  std::istringstream in(text);
+  for (std::string w; in >> w;) out.push_back(w);
+  return out;
+}
+
+// A home with messages at the given instants (nanoseconds since 2001 are kept exactly)
+// and Chrome visits at the given instants (microseconds since 1601).
+struct Home {
+  tesk_test::TempHome home;
+  Home(const std::vector<double>& messages, const std::vector<double>& visits) {
+    auto db = tesk_test::createStore(home.file("Library/Messages/chat.db"), "chatdb.sql");
+    tesk_test::exec(db.get(),
+                    "INSERT INTO handle(ROWID,id,service) VALUES (1,'+14155550123','iMessage');"
+                    "INSERT INTO chat(ROWID,guid,style,chat_identifier) VALUES "
+                    "(1,'c1',45,'+14155550123');");
+    tesk_test::Insert m(db.get(),
+                        "INSERT INTO message(ROWID,guid,text,handle_id,date,is_from_me)"
+                        " VALUES (?,?,?,1,?,?)");
+    tesk_test::Insert join(db.get(),
+                           "INSERT INTO chat_message_join(chat_id,message_id) VALUES (1,?)");
+    for (size_t i = 0; i < messages.size(); ++i) {
+      const auto id = static_cast<int64_t>(i + 1);
+      const auto ns = static_cast<int64_t>(std::llround((messages[i] - kT) * 1e9)) +
+                      static_cast<int64_t>(kT - 978307200) * 1000000000;
+      m.i(id).t("g" + std::to_string(id)).t("message " + std::to_string(id)).i(ns).i(id % 2).run();
+      join.i(id).run();
+    }
+    if (visits.empty()) return;
+    std::string sql =
+        "CREATE TABLE urls(id INTEGER PRIMARY KEY, url LONGVARCHAR, title LONGVARCHAR);"
+        "CREATE TABLE visits(id INTEGER PRIMARY KEY, url INTEGER NOT NULL, visit_time INTEGER);"
+        "INSERT INTO urls VALUES (1, 'https://a.example/', 't');";
+    for (size_t i = 0; i < visits.size(); ++i) {
+      const auto us = static_cast<int64_t>(std::llround((visits[i] - kT) * 1e6)) +
+                      static_cast<int64_t>(kT + 11644473600) * 1000000;
+      sql += "INSERT INTO visits VALUES (" + std::to_string(i + 1) + ", 1, " + std::to_string(us) +
+             ");";
+    }
+    tesk_test::makeDB(home.file("/Library/Application Support/Google/Chrome/Default/History"), sql);
+  }
+};
+
+struct Case {
+  const char* name;
+  std::vector<double> messages, visits;
+};
+
+std::vector<double> spread(double from, double step, int n) {
+  std::vector<double> out;
+  for (int i = 0; i < n; ++i) out.push_back(from + step * i);
+  return out;
+}
+
+TEST(Paging, FollowingNextYieldsTheCompleteAnswerOnce) {
+  const std::vector<Case> cases{
+      {"fractions in one second", {kT + 0.1, kT + 0.5, kT + 0.9, kT + 5}, {}},
+      {"more rows than the limit at one exact instant",
+       {kT - 1, kT, kT, kT, kT, kT, kT, kT, kT + 1},
+       {}},
+      {"several sources at one instant",
+       {kT, kT, kT, kT + 0.5, kT - 0.000001},
+       {kT, kT, kT, kT + 0.5, kT + 0.25}},
+      {"a crowded second", spread(kT, 0.05, 20), spread(kT + 0.025, 0.05, 20)},
+  };
+  const double now = kT + 3600;
+  for (const Case& c : cases) {
+    Home h(c.messages, c.visits);
+    const std::vector<std::string> base{"span", "--src", "im,chrome", "--since", "2d"};
+    std::vector<std::string> all = base;
+    all.insert(all.end(), {"--limit", "0", "--format", "tsv"});
+    const Answer complete = run(h.home.path(), all, now);
+    ASSERT_EQ(complete.rows.size(), c.messages.size() + c.visits.size()) << c.name;
+    for (int limit : {1, 2, 3, 4, 7}) {
+      std::vector<std::string> paged;
+      std::vector<std::string> args = base;
+      args.insert(args.end(), {"--limit", std::to_string(limit), "--format", "tsv"});
+      // The clock moves between pages: the window must not move with it.
+      double clock = now;
+      for (int page = 0; page < 100; ++page, clock += 3600) {
+        Answer a = run(h.home.path(), args, clock);
+        ASSERT_EQ(a.exit, 0) << c.name << " limit " << limit << " page " << page << a.receipt;
+        paged.insert(paged.end(), a.rows.begin(), a.rows.end());
+        auto next = nextOf(a.receipt);
+        if (!next) break;
+        for (const std::string& w : words(*next)) args.push_back(w);
+      }
+      EXPECT_EQ(paged, complete.rows) << c.name << " limit " << limit;
+    }
+  }
+}
+
+// Newest first; at one instant the tie order is reminder, cal, mail, safari, arc,
+// chrome, im, then ids longest first (the reverse of oldest-first answer order).
+TEST(Paging, TiesAtOneInstantHaveOneFixedOrder) {
+  Home h({kT, kT, kT}, {kT, kT});
+  Answer a = run(h.home.path(),
+                 {"span", "--src", "im,chrome", "--since", "2d", "--limit", "0", "--format", "tsv"},
+                 kT + 60);
+  std::vector<std::string> ids;
+  for (const std::string& row : a.rows) ids.push_back(row.substr(0, row.find('\t')));
+  EXPECT_EQ(ids, (std::vector<std::string>{"chrome:2", "chrome:1", "im:3", "im:2", "im:1"}));
+}
+
+TEST(Paging, TheCursorNamesAnExactInstantAndTheDefaultWindowIsPinned) {
+  Home h({kT + 0.1, kT + 0.5, kT + 0.9, kT + 5}, {});
+  Answer first = run(h.home.path(), {"im", "--limit", "2"}, kT + 60);
+  auto next = nextOf(first.receipt);
+  ASSERT_TRUE(next);
+  const std::string since = "--since " + TeskTime::exactString(kT + 60 - 2592000);
+  EXPECT_EQ(next->rfind(since + " --cursor 2026-09-21T14:13:20.9", 0), 0u) << *next;
+  EXPECT_EQ(next->substr(next->size() - 6), "Z,im:3") << *next;
+  std::vector<std::string> args{"im", "--limit", "2"};
+  for (const std::string& w : words(*next)) args.push_back(w);
+  // A minute later: the rows in the same second as the last one shown still come.
+  Answer second = run(h.home.path(), args, kT + 120);
+  EXPECT_EQ(second.exit, 0);
+  ASSERT_EQ(second.rows.size(), 2u);
+  EXPECT_EQ(second.rows[0].substr(0, 5), "im:2\t");
+  EXPECT_EQ(second.rows[1].substr(0, 5), "im:1\t");
+  EXPECT_FALSE(nextOf(second.receipt));
+  EXPECT_NE(second.receipt.find("\"per_source\":{\"im\":2}"), std::string::npos) << second.receipt;
+}
+
+}  // namespace
