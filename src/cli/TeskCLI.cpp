@@ -98,7 +98,9 @@ TeskIMessage::Filter buildFilter(const std::string& verb, const Options& o) {
   f.who = o.who;
   f.direction = o.direction;
   f.grep = o.grep;
-  if (verb == "search" || verb == "im" || verb == "span" || verb == "thread") f.query = o.text;
+  // The positional words are the query of every verb that reads rows; `who` takes them
+  // as the person and `sql` as the statement.
+  if (verb != "who" && verb != "sql") f.query = o.text;
   f.includeTapbacks = o.includeTapbacks;
   f.includeFiltered = o.includeFiltered;
   f.unreadOnly = o.unreadOnly;

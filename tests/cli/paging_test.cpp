@@ -9,6 +9,7 @@
 #include "cli/TeskTime.h"
 #include "common/TeskTestHome.h"
 #include "report/TeskJSONValue.h"
+#include "sources/calendar/CalendarHome.h"
 
 namespace {
 
@@ -178,6 +179,25 @@ TEST(Paging, TheCursorNamesAnExactInstantAndTheDefaultWindowIsPinned) {
   EXPECT_EQ(second.rows[1].substr(0, 5), "im:1\t");
   EXPECT_FALSE(nextOf(second.receipt));
   EXPECT_NE(second.receipt.find("\"per_source\":{\"im\":2}"), std::string::npos) << second.receipt;
+}
+
+// The words after `cal` (and `mail`, which reads them through the same filter) are
+// the query, as for `search`: never a silently ignored word over every row.
+TEST(Verbs, CalendarWordsAreTheQuery) {
+  caltest::CalendarHome store;
+  store.item(caltest::event("Dentist", "2026-09-22T09:00:00Z"));
+  store.item(caltest::event("Flight", "2026-09-23T13:00:00Z"));
+  const std::vector<std::string> window{"--since", "2026-09-01", "--until", "2026-10-01"};
+  auto cal = [&](std::vector<std::string> args) {
+    args.insert(args.begin(), "cal");
+    args.insert(args.end(), window.begin(), window.end());
+    return run(store.home(), args, kT);
+  };
+  EXPECT_EQ(cal({}).rows.size(), 2u);
+  Answer dentist = cal({"dentist"});
+  ASSERT_EQ(dentist.rows.size(), 1u);
+  EXPECT_NE(dentist.rows[0].find("\tDentist"), std::string::npos);
+  EXPECT_EQ(cal({"nothing", "like", "this"}).exit, 2);
 }
 
 }  // namespace
