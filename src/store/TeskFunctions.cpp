@@ -15,10 +15,6 @@ constexpr int64_t kGroupStyle = 43;
 // A file transfer; below the tapback range.
 constexpr int64_t kFileTransfer = 1000;
 
-bool isTapback(int64_t amt) {
-  return amt >= TeskFunctions::tapbackLow && amt <= TeskFunctions::tapbackHigh;
-}
-
 // A text argument: absent for NULL or when SQLite gives no text. Views the
 // argument's own buffer, valid for the rest of the callback.
 std::optional<std::string_view> textArg(sqlite3_value* v) {
@@ -64,29 +60,20 @@ void teskKind(sqlite3_context* ctx, int argc, sqlite3_value** argv) {
   TeskFunctions* functions = state(ctx);
   if (functions == nullptr) return;
   const int64_t amt = sqlite3_value_int64(argv[3]);
-  const char* kind;
-  if (isTapback(amt)) {
-    kind = "tapback";  // decided without decoding
-  } else {
-    const TeskFunctions::Decoded& d =
-        functions->decode(sqlite3_value_int64(argv[0]), textArg(argv[1]), blobArg(argv[2]));
-    const int64_t edited = sqlite3_value_int64(argv[4]);
-    const int64_t attachments = sqlite3_value_int64(argv[5]);
-    if (d.stripped && !d.stripped->empty()) {
-      kind = edited >= 1 ? "edited" : "text";
-    } else if (d.stripped) {
-      kind =
-          (d.hadPlaceholder || amt == kFileTransfer || attachments >= 1) ? "attachment" : "empty";
-    } else {
-      kind = attachments >= 1 ? "attachment" : "empty";
-    }
-  }
+  static const TeskFunctions::Decoded kUndecoded;
+  // A tapback's kind is decided without decoding it.
+  const TeskFunctions::Decoded& d =
+      TeskFunctions::isTapback(amt)
+          ? kUndecoded
+          : functions->decode(sqlite3_value_int64(argv[0]), textArg(argv[1]), blobArg(argv[2]));
+  const char* kind =
+      TeskFunctions::kind(amt, d, sqlite3_value_int64(argv[4]), sqlite3_value_int64(argv[5]));
   sqlite3_result_text(ctx, kind, -1, SQLITE_STATIC);
 }
 
 void teskIsTapback(sqlite3_context* ctx, int argc, sqlite3_value** argv) {
   if (ctx == nullptr || argv == nullptr || argc < 1) return;
-  sqlite3_result_int64(ctx, isTapback(sqlite3_value_int64(argv[0])) ? 1 : 0);
+  sqlite3_result_int64(ctx, TeskFunctions::isTapback(sqlite3_value_int64(argv[0])) ? 1 : 0);
 }
 
 void teskWho(sqlite3_context* ctx, int argc, sqlite3_value** argv) {
@@ -185,10 +172,20 @@ const TeskFunctions::Decoded& TeskFunctions::decode(int64_t rowID,
   TeskDecode::Stripped s = TeskDecode::stripPlaceholders(d.outcome.body);
   d.stripped = std::move(s.text);
   d.hadPlaceholder = s.hadPlaceholder;
-  census_.record(d.outcome);
+  if (rowID < 0 || counted_.insert(rowID)) census_.record(d.outcome);
   memoRowID_ = rowID;
   memo_ = std::move(d);
   return *memo_;
+}
+
+const char* TeskFunctions::kind(int64_t amt, const Decoded& d, int64_t edited,
+                                int64_t attachments) {
+  if (isTapback(amt)) return "tapback";
+  if (d.stripped && !d.stripped->empty()) return edited >= 1 ? "edited" : "text";
+  if (d.stripped) {
+    return (d.hadPlaceholder || amt == kFileTransfer || attachments >= 1) ? "attachment" : "empty";
+  }
+  return attachments >= 1 ? "attachment" : "empty";
 }
 
 std::optional<std::string> TeskFunctions::body(int64_t rowID, std::optional<std::string_view> text,

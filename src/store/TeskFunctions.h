@@ -1,6 +1,8 @@
 // The tesk_* SQL functions installed on every store connection, and the per-store
 // state behind them: the decode census and a one-row memo, so that tesk_kind and
-// tesk_body of the same row decode its blob once.
+// tesk_body of the same row decode its blob once. The census counts a message once
+// however often SQLite asks for it (a sort, a GROUP BY or a self-join evaluates the
+// functions again), keyed by its row id.
 //
 //   tesk_body(rowid, text, attributedBody)            stripped body, or NULL
 //   tesk_kind(rowid, text, blob, amt, edited, files)  tapback|text|edited|attachment|empty
@@ -20,6 +22,7 @@
 #include <string_view>
 
 #include "sources/messages/TeskDecode.h"
+#include "store/TeskRowSet.h"
 
 struct sqlite3;
 
@@ -51,23 +54,32 @@ class TeskFunctions {
   static void install(sqlite3* db, TeskFunctions& functions);
 
   // Decodes a row (or returns the memo when `rowID` >= 0 names the last row
-  // decoded); counts every fresh decode in the census.
+  // decoded); counts the decode in the census unless `rowID` >= 0 was counted
+  // before.
   const Decoded& decode(int64_t rowID, std::optional<std::string_view> text,
                         TeskDecode::Bytes blob);
   // The stripped body of `decode`.
   std::optional<std::string> body(int64_t rowID, std::optional<std::string_view> text,
                                   TeskDecode::Bytes blob);
 
+  // tesk_kind's rule: "tapback" for a tapback's `amt` (its body is never needed),
+  // else from the decoded body `d`, `edited` (date_edited) and the visible
+  // `attachments` count.
+  static const char* kind(int64_t amt, const Decoded& d, int64_t edited, int64_t attachments);
+  // True when 2000 <= amt <= 3007.
+  static bool isTapback(int64_t amt) { return amt >= tapbackLow && amt <= tapbackHigh; }
+
   // tesk_who's rule: the handle when there is one, else nothing for a group chat,
   // else the chat's identifier.
   static std::string_view who(std::optional<std::string_view> handle,
                               std::optional<std::string_view> chatIdentifier, int64_t style);
 
-  // Every fresh decode so far (memo hits are not counted).
+  // Every message decoded so far, each once.
   const TeskDecode::Census& census() const { return census_; }
 
  private:
   TeskDecode::Census census_;
+  TeskRowSet counted_;
   int64_t memoRowID_ = -1;
   std::optional<Decoded> memo_;
 };

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <limits>
 
 #include "common/TeskTestHome.h"
 #include "store/TeskFunctions.h"
@@ -206,18 +207,23 @@ TEST_F(FunctionsTest, KindAndBodyOfOneRowDecodeOnce) {
       " tesk_body(ROWID, text, attributedBody) FROM m ORDER BY ROWID";
   EXPECT_EQ(rows(both), "text|one;text|two;text|three");
   EXPECT_EQ(decodes(functions_.census()), 3);
-  // Another statement decodes (and counts) afresh, except the one row the memo
-  // still holds (row 3, the last one decoded).
+  // Another statement decodes afresh (except the one row the memo still holds, row
+  // 3) but counts no row twice.
   EXPECT_EQ(rows("SELECT tesk_body(ROWID, text, attributedBody) FROM m ORDER BY ROWID DESC"),
             "three;two;one");
-  EXPECT_EQ(decodes(functions_.census()), 5);
+  EXPECT_EQ(decodes(functions_.census()), 3);
   // The memo answers by row id alone.
   EXPECT_EQ(one("SELECT tesk_body(1, 'x', NULL) || tesk_body(1, 'y', NULL)"), "oneone");
-  EXPECT_EQ(decodes(functions_.census()), 5);
+  EXPECT_EQ(decodes(functions_.census()), 3);
   EXPECT_EQ(one("SELECT tesk_body(4, 'x', NULL) || tesk_body(4, 'y', NULL)"), "xx");
-  EXPECT_EQ(decodes(functions_.census()), 6);
-  // A negative row id is stored but never hits.
+  EXPECT_EQ(decodes(functions_.census()), 4);
+  // A negative row id is stored but never hits, and every decode of it counts.
   EXPECT_EQ(one("SELECT tesk_body(-1, 'a', NULL) || tesk_body(-1, 'b', NULL)"), "ab");
+  EXPECT_EQ(decodes(functions_.census()), 6);
+  // Far-apart ids (one near 2^63) are each counted once.
+  EXPECT_EQ(one("SELECT tesk_body(9223372036854775806, 'z', NULL) || tesk_body(67108864, 'y',"
+                " NULL) || tesk_body(9223372036854775806, 'z', NULL)"),
+            "zyz");
   EXPECT_EQ(decodes(functions_.census()), 8);
   // Columns a statement does not read are never evaluated: a COUNT over the
   // decoded projection (as over the view of the sql verb) decodes nothing.
@@ -225,6 +231,33 @@ TEST_F(FunctionsTest, KindAndBodyOfOneRowDecodeOnce) {
                 " tesk_kind(ROWID, text, attributedBody, 0, 0, 0) AS kind FROM m)"),
             "3");
   EXPECT_EQ(decodes(functions_.census()), 8);
+}
+
+TEST(RowSet, HoldsEachIdOnceWhereverItLies) {
+  TeskRowSet set;
+  const std::vector<int64_t> ids{0,
+                                 1,
+                                 63,
+                                 64,
+                                 1000000,
+                                 TeskRowSet::denseLimit - 1,
+                                 TeskRowSet::denseLimit,
+                                 std::numeric_limits<int64_t>::max(),
+                                 -1,
+                                 std::numeric_limits<int64_t>::min()};
+  for (int64_t id : ids) {
+    EXPECT_FALSE(set.contains(id)) << id;
+    EXPECT_TRUE(set.insert(id)) << id;
+  }
+  for (int64_t id : ids) {
+    EXPECT_TRUE(set.contains(id)) << id;
+    EXPECT_FALSE(set.insert(id)) << id;
+  }
+  for (int64_t id : {int64_t{2}, int64_t{65}, int64_t{999999}, TeskRowSet::denseLimit + 1}) {
+    EXPECT_FALSE(set.contains(id)) << id;
+  }
+  set.clear();
+  EXPECT_FALSE(set.contains(1));
 }
 
 TEST_F(FunctionsTest, TimestampMagnitudes) {
