@@ -105,6 +105,8 @@ TeskIMessage::Filter buildFilter(const std::string& verb, const Options& o) {
   f.includeFiltered = o.includeFiltered;
   f.unreadOnly = o.unreadOnly;
   f.includeGroups = !o.noGroups;
+  // Buckets and the who census read who, when and which way, never a body.
+  f.bodies = !o.by && verb != "who";
   return f;
 }
 

@@ -66,6 +66,9 @@ class TeskStore {
   double sourceModified() const { return sourceModified_; }
   // Every body this store's SQL functions decoded so far.
   TeskDecode::Census decodeCensus() const;
+  // The SQL functions' state, for a producer that decodes rows it read raw (the same
+  // census and memo as tesk_body); null on a closed store.
+  TeskFunctions* functions() { return functions_.get(); }
   // The snapshot directory in snapshot mode, else empty (for tests and notes).
   const std::string& snapshotDirectory() const { return snapshot_.path(); }
 

@@ -193,6 +193,22 @@ TEST(BlackBox, MessagesAnswerWithReceiptsAndExitCodes) {
   EXPECT_TRUE(has(limited.lines[0], " --cursor "));
 }
 
+// The census, buckets and counts read no body, so they decode none, and the receipt
+// says so; the rows answer on the same store decodes all five.
+TEST(BlackBox, AnswersThatReadNoBodyDecodeNone) {
+  Home h;
+  for (std::vector<std::string> args :
+       {std::vector<std::string>{"who"}, {"im", "--by", "day"}, {"span", "--by", "who"}}) {
+    Answer a = tesk(args, h.path());
+    EXPECT_EQ(a.exit, 0) << a.text;
+    expectFramed(a);
+    EXPECT_TRUE(has(a.lines[0], "\"decoded\":{\"n\":0,\"of\":0")) << args[0] << a.lines[0];
+  }
+  EXPECT_TRUE(has(tesk({"im"}, h.path()).lines[0], "\"decoded\":{\"n\":5,\"of\":5"));
+  EXPECT_TRUE(has(tesk({"im", "--by", "day", "--grep", "number"}, h.path()).lines[0],
+                  "\"decoded\":{\"n\":5,\"of\":5"));
+}
+
 TEST(BlackBox, SqlVerbAnswersAndRefusesWrites) {
   Home h;
   Answer count = tesk({"sql", "SELECT COUNT(*) AS n FROM tesk_message"}, h.path());

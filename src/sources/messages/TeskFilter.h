@@ -21,6 +21,10 @@ struct Filter {
   bool includeGroups = true;
   bool includeFiltered = false;
   bool unreadOnly = false;
+  // False when the caller reads no row's body, kind or attachments (the who census,
+  // buckets): nothing is decoded unless `query` or `grep` needs the body, and the
+  // decode census then says so (0 of 0).
+  bool bodies = true;
 };
 
 }  // namespace TeskIMessage

@@ -123,17 +123,19 @@ std::string withoutMissingType(const Schema& schema, std::string sql) {
 }
 
 // What read() takes from each row: the raw counterpart columns instead of tesk_who and
-// tesk_canonical, which read() applies only to rows that survive its filters (a search
-// keeps a tenth of them), and no attachment count: attachRows() finds the files and
-// turns an empty row that has some into an attachment, as the count would.
-std::string readProjection(const Schema& schema) {
+// tesk_canonical, and the raw body columns instead of tesk_kind and tesk_body, which
+// read() applies only to rows that survive its filters (a search keeps a tenth of them;
+// excluded tapbacks, groups and filtered chats are never decoded, so the census counts
+// exactly the rows the answer is about). No attachment count: attachRows() finds the
+// files and turns an empty row that has some into an attachment, as the count would.
+// Without `bodies` the body columns read as NULL, so no archive page is even read.
+std::string readProjection(const Schema& schema, bool bodies) {
   std::string s =
       "SELECT m.ROWID, tesk_ts(m.date), m.date, m.is_from_me,\n"
       "       h.id, c.chat_identifier, COALESCE(c.style, 0),\n"
-      "       tesk_kind(m.ROWID, m.text, m.attributedBody, m.associated_message_type, ";
-  s += schema.dateEdited ? "m.date_edited" : "0";
-  s += ", 0),\n"
-       "       tesk_body(m.ROWID, m.text, m.attributedBody),\n"
+      "       m.associated_message_type, ";
+  s += bodies ? "m.text" : "NULL";
+  s += ",\n"
        "       (CASE WHEN COALESCE(c.style, 0) = 43 THEN 1 ELSE 0 END),\n       ";
   s += schema.isFiltered ? kFiltered : "0";
   // With the message_id index the chat is found straight from the smallest chat id,
@@ -146,6 +148,9 @@ std::string readProjection(const Schema& schema) {
                             : std::string("COALESCE(j.chat_id, 0)");
   s += ",\n       ";
   s += schema.unreadSupported() ? kUnread : "0";
+  s += ",\n       ";
+  s += bodies ? "m.attributedBody, " : "NULL, ";
+  s += schema.dateEdited ? "m.date_edited" : "0";
   s += "\n";
   s += schema.chatJoinIndex
            ? std::string(kFrom) + "LEFT JOIN chat c ON c.ROWID = " + kMinChat + "\n"
@@ -325,7 +330,6 @@ std::string visibleAttachments(const Schema& schema, const char* columns) {
 void attachRows(TeskStore& store, const Schema& schema, const std::string& home,
                 const std::unordered_map<int64_t, std::vector<size_t>>& index, int64_t lo,
                 int64_t hi, Result& result) {
-  if (schema.hideAttachment) result.hiddenAttachments = store.scalarInt(kHiddenCount).value_or(0);
   const std::string sql =
       visibleAttachments(schema, ", a.filename, a.transfer_name, a.mime_type, a.total_bytes") +
       "\nORDER BY maj.message_id, a.ROWID";
@@ -377,8 +381,10 @@ Result read(TeskStore& store, const Filter& filter, const std::string& home) {
   // (tapbacks, orphans, undated rows over the SQL conditions, as stats() does) and
   // no second scan of the store is made; their kind is known without decoding.
   auto [where, binds] = predicates(schema, filter, false, true);
-  const std::string sql = readProjection(schema) + "\nWHERE " + where + "\nORDER BY m.date";
   const bool wantQuery = filter.query && !filter.query->empty();
+  const bool bodies = filter.bodies || wantQuery || filter.grep;
+  const std::string sql = readProjection(schema, bodies) + "\nWHERE " + where + "\nORDER BY m.date";
+  TeskFunctions* functions = store.functions();
   const TeskText::Needle needle(wantQuery ? *filter.query : std::string());
   std::unordered_map<int64_t, std::vector<size_t>> index;
   double lo = std::numeric_limits<double>::max(), hi = -lo;
@@ -391,10 +397,8 @@ Result read(TeskStore& store, const Filter& filter, const std::string& home) {
       lo = std::min(lo, ts);
       hi = std::max(hi, ts);
     }
-    auto kindText = r.textView(7);
-    TeskRow::Kind kind =
-        TeskRow::kindFromRaw(kindText.value_or("empty")).value_or(TeskRow::Kind::empty);
-    const bool tapback = kind == TeskRow::Kind::tapback;
+    const int64_t amt = r.integer(7);
+    const bool tapback = TeskFunctions::isTapback(amt);
     if (tapback && !filter.includeTapbacks) ++result.excludedTapback;
     if (r.integer(11) == 0 && r.isNull(5)) ++result.orphans;
     if (r.isNull(2) || r.integer(2) == 0) ++result.undated;
@@ -412,7 +416,20 @@ Result read(TeskStore& store, const Filter& filter, const std::string& home) {
       ++result.excludedFiltered;
       return;
     }
-    std::string_view body = r.textView(8).value_or(std::string_view());
+    // Decoded only now, for a row the answer is about; without bodies a row carries
+    // none and is "text" unless it is a tapback (its readers look at neither).
+    static const TeskFunctions::Decoded kUndecoded;
+    const TeskFunctions::Decoded& decoded =
+        bodies && functions
+            ? functions->decode(rowID, r.textView(8), r.blobView(13).value_or(TeskDecode::Bytes()))
+            : kUndecoded;
+    const TeskRow::Kind kind =
+        !bodies && !tapback
+            ? TeskRow::Kind::text
+            : TeskRow::kindFromRaw(TeskFunctions::kind(amt, decoded, r.integer(14), 0))
+                  .value_or(TeskRow::Kind::empty);
+    std::string_view body =
+        decoded.stripped ? std::string_view(*decoded.stripped) : std::string_view();
     if (wantQuery && !needle.in(body)) return;
     if (filter.grep && !filter.grep->search(body)) return;
 
@@ -429,14 +446,18 @@ Result read(TeskStore& store, const Filter& filter, const std::string& home) {
     row.filtered = filtered;
     row.chatID = r.integer(11);
     row.unread = unread;
-    index[rowID].push_back(result.rows.size());
+    if (bodies) index[rowID].push_back(result.rows.size());
     idLo = std::min(idLo, rowID);
     idHi = std::max(idHi, rowID);
     result.rows.push_back(std::move(row));
   });
 
   if (schema.attachments && !result.rows.empty()) {
-    attachRows(store, schema, home, index, idLo, idHi, result);
+    if (schema.hideAttachment) {
+      result.hiddenAttachments = store.scalarInt(kHiddenCount).value_or(0);
+    }
+    // Without bodies no reader looks at a row's files or kind.
+    if (bodies) attachRows(store, schema, home, index, idLo, idHi, result);
   }
   std::optional<TeskSpan> horizon;
   if (lo <= hi) horizon = TeskSpan{lo, hi};

@@ -253,6 +253,82 @@ TEST(IMessageRead, BodylessMessagesWithVisibleFilesAreAttachments) {
   EXPECT_EQ(kinds(), withColumns);
 }
 
+// Every body the census counted, whatever its tier.
+int64_t counted(const TeskDecode::Census& c) {
+  return c.plainText + c.legacyAttributed + c.legacyString + c.keyedAttributed + c.undecodable +
+         c.absent;
+}
+
+// The census counts exactly the bodies of the rows the answer is about: what the read
+// drops (tapbacks, groups, filtered chats) is neither decoded nor counted, and a read
+// whose caller renders no body decodes nothing unless a text query needs it.
+TEST(IMessageRead, CensusCountsExactlyTheRowsTheAnswerIsAbout) {
+  struct Case {
+    const char* name;
+    std::function<void(TeskIMessage::Filter&)> set;
+    size_t rows;
+    int64_t counted;
+    int64_t undecodable;
+  };
+  const std::vector<Case> cases{
+      {"default: an unreadable excluded tapback is not counted", [](auto&) {}, 11, 11, 0},
+      {"reactions included: the tapbacks are counted", [](auto& f) { f.includeTapbacks = true; },
+       14, 14, 1},
+      {"groups out: their rows are not decoded", [](auto& f) { f.includeGroups = false; }, 10, 10,
+       0},
+      {"no body read: nothing decoded", [](auto& f) { f.bodies = false; }, 11, 0, 0},
+      {"no body read but a text query: its candidates decoded",
+       [](auto& f) {
+         f.bodies = false;
+         f.query = "dinner";
+       },
+       1, 11, 0},
+  };
+  for (const Case& c : cases) {
+    ChatDB fx;
+    {
+      tesk_test::DB db = tesk_test::openDB(fx.path);
+      tesk_test::exec(db.get(),
+                      "INSERT INTO message(ROWID,guid,attributedBody,handle_id,date,"
+                      "associated_message_type) VALUES (15,'g15',x'0102030405',1," +
+                          std::to_string(ns(kNow - 5000)) +
+                          ",2003);"
+                          "INSERT INTO chat_message_join(chat_id,message_id) VALUES (1,15);");
+    }
+    TeskStore store(fx.path);
+    TeskIMessage::Filter f;
+    c.set(f);
+    TeskIMessage::Result r = TeskIMessage::read(store, f, fx.home.path());
+    EXPECT_EQ(r.rows.size(), c.rows) << c.name;
+    EXPECT_EQ(counted(r.census), c.counted) << c.name;
+    EXPECT_EQ(r.census.undecodable, c.undecodable) << c.name;
+    EXPECT_EQ(r.excludedTapback, f.includeTapbacks ? 0 : 3) << c.name;
+  }
+}
+
+// SQLite evaluates tesk_body and tesk_kind again after a sort, for a GROUP BY or in a
+// self-join; each message is still counted once per store.
+TEST(IMessageSQL, ReEvaluationCountsEachMessageOnce) {
+  ChatDB fx;
+  TeskStore store(fx.path);
+  TeskSQL sql(store, TeskIMessage::Filter{});
+  for (const char* statement :
+       {"SELECT kind, count(*), count(body) FROM tesk_message GROUP BY kind",
+        "SELECT body FROM tesk_message ORDER BY body",
+        "SELECT kind, count(*), count(body) FROM tesk_message GROUP BY kind"}) {
+    sql.run(statement);
+    EXPECT_EQ(counted(store.decodeCensus()), 11) << statement;
+  }
+  // A self-join may decode a row before the view's filter drops it (the filtered chat's
+  // message 5); asked again, it still counts no message twice.
+  const std::string join = "SELECT a.id FROM tesk_message a JOIN tesk_message b ON a.body = b.body";
+  sql.run(join);
+  const int64_t once = counted(store.decodeCensus());
+  EXPECT_LE(once, 12);
+  sql.run(join);
+  EXPECT_EQ(counted(store.decodeCensus()), once);
+}
+
 TEST(IMessageStats, WaterfallCountsEachRowOnceAndDecodesNothing) {
   ChatDB fx;
   TeskStore store(fx.path);
