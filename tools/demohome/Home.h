@@ -16,7 +16,7 @@ constexpr int64_t kAppleEpoch = 978307200;      // 2001-01-01 in unix seconds
 constexpr int64_t kWebKitOffset = 11644473600;  // 1601-01-01 to 1970-01-01 in seconds
 constexpr const char* kMarkerName = ".tesk-demo-home";
 
-enum class Scale { small, standard };
+enum class Scale { small, standard, large };
 enum class Link { complete, partial, broken, absent };
 
 struct Options {

@@ -24,7 +24,7 @@ using namespace demohome;
 namespace {
 
 const char* kUsage =
-    "usage: tesk-demo-home <target-dir> [--scale small|default] [--now <unix seconds>]\n"
+    "usage: tesk-demo-home <target-dir> [--scale small|default|large] [--now <unix seconds>]\n"
     "                      [--rng N] [--link complete|partial|broken|absent] [--zone <IANA "
     "zone>]\n";
 
@@ -63,8 +63,10 @@ Options parse(int argc, char** argv) {
         o.scale = Scale::small;
       } else if (v == "default") {
         o.scale = Scale::standard;
+      } else if (v == "large") {
+        o.scale = Scale::large;
       } else {
-        fail("unknown scale: " + v + " (small or default)", 2);
+        fail("unknown scale: " + v + " (small, default or large)", 2);
       }
     } else if (a == "--now") {
       o.now = parseInt(value(), "--now");

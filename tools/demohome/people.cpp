@@ -14,7 +14,23 @@ Sizes sizesFor(Scale s) {
   if (s == Scale::small) {
     return Sizes{2000, 40, 9, 60, 300, 500, 120, 120, 25, 20};
   }
-  return Sizes{145000, 1086, 243, 600, 76000, 100000, 15000, 9000, 220, 300};
+  const Sizes standard{145000, 1086, 243, 600, 76000, 100000, 15000, 9000, 220, 300};
+  if (s == Scale::standard) return standard;
+  // A million messages with the default's shapes: the same people, chats and groups
+  // (each thread simply longer; the chat writer gives every one-to-one chat its own
+  // handle, which the default cast has just enough of), and every other count grown by
+  // the factor of the messages.
+  auto grow = [](int n) { return static_cast<int>(static_cast<int64_t>(n) * 1000000 / 145000); };
+  return Sizes{1000000,
+               standard.chats,
+               standard.groups,
+               standard.contacts,
+               grow(standard.mails),
+               grow(standard.chromeVisits),
+               grow(standard.arcVisits),
+               grow(standard.safariVisits),
+               grow(standard.liveMessages),
+               grow(standard.liveVisits)};
 }
 
 namespace {
