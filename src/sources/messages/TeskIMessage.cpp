@@ -276,11 +276,77 @@ std::optional<TeskSpan> storeHorizon(TeskStore& store) {
   return out;
 }
 
+namespace {
+
+// stats() without a `who` selector (whose conditions all lie on the message table) on a
+// store whose join table is indexed by message: no joined scan. Tapbacks, undated rows and orphans
+// (no chat link at all) come from one scan of the message table with one index probe per row;
+// groups and filtered chats from the messages of those chats alone, reached through the chat side
+// of the join table and kept only where that chat is the message's own (its smallest).
+void messageSideStats(TeskStore& store, const Schema& schema, const Filter& filter,
+                      Result& result) {
+  auto [where, binds] = predicates(schema, filter, false, true);
+  const std::string tapback =
+      schema.associatedType ? "(" + TeskFunctions::tapbackSQL + ")" : std::string("(0)");
+  store.query(
+      withoutMissingType(
+          schema, "SELECT " +
+                      (filter.includeTapbacks
+                           ? std::string("0")
+                           : "COALESCE(SUM(CASE WHEN " + tapback + " THEN 1 ELSE 0 END), 0)") +
+                      ",\n       COALESCE(SUM(CASE WHEN NOT EXISTS (SELECT 1 FROM "
+                      "chat_message_join WHERE message_id = m.ROWID) THEN 1 ELSE 0 END), 0),"
+                      "\n       COALESCE(SUM(CASE WHEN m.date IS NULL OR m.date = 0 THEN 1 ELSE 0 "
+                      "END), 0)\nFROM message m\nWHERE " +
+                      where),
+      binds, [&](const TeskRowReader& r) {
+        result.excludedTapback = r.integer(0);
+        result.orphans = r.integer(1);
+        result.undated = r.integer(2);
+      });
+  // The waterfall of the joined form: a group row is not a tapback; a filtered one is
+  // neither.
+  const bool groups = !filter.includeGroups;
+  const bool filtered = !filter.includeFiltered && schema.isFiltered;
+  if (!groups && !filtered) return;
+  std::vector<std::string> chats;
+  if (groups) chats.push_back("c.style = 43");
+  if (filtered) chats.push_back("c.is_filtered = 1");
+  std::string sql = "SELECT ";
+  sql += groups ? "COALESCE(SUM(CASE WHEN c.style = 43 THEN 1 ELSE 0 END), 0)" : "0";
+  sql += ",\n       ";
+  sql += filtered
+             ? std::string("COALESCE(SUM(CASE WHEN c.is_filtered = 1") +
+                   (groups ? " AND COALESCE(c.style, 0) != 43" : "") + " THEN 1 ELSE 0 END), 0)"
+             : std::string("0");
+  sql +=
+      "\nFROM chat c\nJOIN chat_message_join j ON j.chat_id = c.ROWID\nJOIN message m ON "
+      "m.ROWID = j.message_id\nWHERE (" +
+      chats[0] + (chats.size() > 1 ? " OR " + chats[1] : std::string()) +
+      ")\n  AND j.chat_id = (SELECT MIN(chat_id) FROM chat_message_join WHERE message_id = "
+      "m.ROWID)\n  AND " +
+      where;
+  if (!filter.includeTapbacks) sql += "\n  AND NOT " + tapback;
+  store.query(withoutMissingType(schema, sql), binds, [&](const TeskRowReader& r) {
+    result.excludedGroup = r.integer(0);
+    result.excludedFiltered = r.integer(1);
+  });
+}
+
+}  // namespace
+
 Result stats(TeskStore& store, const Filter& filter) {
   Schema schema = probe(store);
   Result result;
   result.unreadSupported = schema.unreadSupported();
   result.attachmentsSupported = schema.attachments;
+  // The probes need the join table's message_id index (Messages' own stores have it).
+  if (schema.chatJoinIndex && (!filter.who || filter.who->empty())) {
+    messageSideStats(store, schema, filter, result);
+    if (schema.hideAttachment) result.hiddenAttachments = store.scalarInt(kHiddenCount).value_or(0);
+    result.horizon = storeHorizon(store);
+    return result;
+  }
 
   // A waterfall: each row is counted once, under the first exclusion that applies.
   std::vector<std::string> active;

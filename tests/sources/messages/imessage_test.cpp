@@ -343,6 +343,62 @@ TEST(IMessageStats, WaterfallCountsEachRowOnceAndDecodesNothing) {
   EXPECT_EQ(TeskIMessage::innerJoinCount(store), 14);  // 15 links minus the orphan
 }
 
+// With the join table indexed by message, the receipt's counts come from the message
+// table and the chats that exclude (no joined scan): the same counts for every selector.
+TEST(IMessageStats, MessageSideCountsEqualTheJoinedScan) {
+  const std::vector<std::function<void(TeskIMessage::Filter&)>> selectors{
+      [](auto&) {},
+      [](auto& f) { f.includeGroups = false; },
+      [](auto& f) {
+        f.includeGroups = false;
+        f.includeTapbacks = true;
+      },
+      [](auto& f) {
+        f.includeFiltered = true;
+        f.includeGroups = false;
+      },
+      [](auto& f) { f.since = kNow - 75000; },
+      [](auto& f) { f.direction = TeskRow::Direction::incoming; },
+      [](auto& f) { f.unreadOnly = true; },
+  };
+  ChatDB fx;
+  {
+    // Message 9's only chat row is gone: neither a group nor filtered, and no orphan.
+    tesk_test::DB db = tesk_test::openDB(fx.path);
+    tesk_test::exec(db.get(), "UPDATE chat_message_join SET chat_id = 99 WHERE message_id = 9");
+  }
+  std::vector<TeskIMessage::Result> joined;
+  {
+    TeskStore store(fx.path);
+    for (const auto& set : selectors) {
+      TeskIMessage::Filter f;
+      set(f);
+      joined.push_back(TeskIMessage::stats(store, f));
+    }
+  }
+  {
+    tesk_test::DB db = tesk_test::openDB(fx.path);
+    tesk_test::exec(db.get(), "CREATE INDEX cmj_mid ON chat_message_join(message_id)");
+  }
+  TeskStore store(fx.path);
+  for (size_t i = 0; i < selectors.size(); ++i) {
+    TeskIMessage::Filter f;
+    selectors[i](f);
+    TeskIMessage::Result r = TeskIMessage::stats(store, f);
+    EXPECT_EQ(r.excludedTapback, joined[i].excludedTapback) << i;
+    EXPECT_EQ(r.excludedGroup, joined[i].excludedGroup) << i;
+    EXPECT_EQ(r.excludedFiltered, joined[i].excludedFiltered) << i;
+    EXPECT_EQ(r.orphans, joined[i].orphans) << i;
+    EXPECT_EQ(r.undated, joined[i].undated) << i;
+    EXPECT_EQ(r.hiddenAttachments, joined[i].hiddenAttachments) << i;
+  }
+  EXPECT_EQ(joined[1].excludedGroup, 1);  // the fixture exercises every counter
+  EXPECT_EQ(joined[0].excludedFiltered, 1);
+  EXPECT_EQ(joined[0].orphans, 1);
+  EXPECT_EQ(joined[0].undated, 1);
+  EXPECT_EQ(store.decodeCensus().blobs(), 0);
+}
+
 TEST(IMessagePredicates, InlinedValuesAreLiteralsWithQuotesDoubled) {
   TeskIMessage::Filter f;
   f.who = "O'Brien";
