@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "cli/TeskText.h"
 #include "sources/messages/TeskDecode.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -11,7 +12,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const TeskDecode::Bytes blob(data, size);
   if (auto text = TeskDecode::directBody(blob)) {
     // The answer is a copy of bytes the blob holds, and well-formed.
-    if (!TeskDecode::isValidUTF8(*text)) std::abort();
+    if (!TeskText::isValidUTF8(*text)) std::abort();
     const std::string_view all(reinterpret_cast<const char*>(data), size);
     if (all.find(*text) == std::string_view::npos) std::abort();
   }

@@ -2,6 +2,7 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include "cli/TeskText.h"
 #include "sources/messages/TeskDecode.h"
 #include "sources/messages/TeskTypedStream.h"
 
@@ -12,7 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const auto name = TeskTypedStream::rootClassName(blob);
   // A string root implies a readable root class, and its text is well-formed.
   if (root && !name) std::abort();
-  if (root && !TeskDecode::isValidUTF8(root->text)) std::abort();
+  if (root && !TeskText::isValidUTF8(root->text)) std::abort();
   if (root && root->text.size() > size) std::abort();
   return 0;
 }

@@ -4,8 +4,17 @@
 
 #include <cerrno>
 
+#include "cli/TeskText.h"
+
 void TeskOut::line(std::string_view text) {
-  buffer_.append(text);
+  // The last guard: whatever a writer put together (a store's bytes, an argument),
+  // every line leaves as UTF-8. The check is one read of the line; the copy happens
+  // only when it fails.
+  if (TeskText::isValidUTF8(text)) {
+    buffer_.append(text);
+  } else {
+    buffer_.append(TeskText::repairUTF8(text));
+  }
   buffer_.push_back('\n');
   if (sink_ == Sink::standardOutput && buffer_.size() > flushThreshold) flush();
 }

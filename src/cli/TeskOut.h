@@ -14,7 +14,8 @@ class TeskOut {
   TeskOut(const TeskOut&) = delete;  // one sink per run, shared by reference
   TeskOut& operator=(const TeskOut&) = delete;
 
-  // Appends the text and "\n"; the standard-output sink flushes past 64 KiB.
+  // Appends the text and "\n"; the standard-output sink flushes past 64 KiB. Bytes
+  // that are not UTF-8 leave as U+FFFD: every line written is valid UTF-8.
   void line(std::string_view text);
   // Hands the buffer on (one write to fd 1, or into memory); a no-op when empty.
   void flush();

@@ -79,7 +79,9 @@ SqlAnswer sqlAnswer(TeskStore& store, const TeskIMessage::Filter& filter,
     TeskSQL sql(store, filter);
     TeskSQL::Table t = sql.run(statement);
     std::string header;
-    for (const std::string& c : t.columns) header += (header.empty() ? "" : "\t") + c;
+    for (const std::string& c : t.columns) {
+      header += (header.empty() ? "" : "\t") + TeskText::escapeTSV(c);
+    }
     a.lines.push_back(header);
     a.rowsTotal = static_cast<int64_t>(t.rows.size());
     for (const auto& row : t.rows) {
@@ -87,7 +89,7 @@ SqlAnswer sqlAnswer(TeskStore& store, const TeskIMessage::Filter& filter,
       std::string line;
       for (size_t i = 0; i < row.size(); ++i) {
         if (i) line += '\t';
-        line += TeskText::escapeTSV(row[i], false);
+        line += TeskText::escapeTSV(row[i]);
       }
       a.lines.push_back(std::move(line));
       ++a.rowsOut;

@@ -8,7 +8,9 @@
 #include <unicode/utf8.h>
 
 #include <algorithm>
+#include <bit>
 #include <charconv>
+#include <cstring>
 
 namespace TeskText {
 namespace {
@@ -160,7 +162,7 @@ std::string lower(std::string_view utf8) {
   return out;
 }
 
-std::string escapeTSV(std::string_view text, bool cr) {
+std::string escapeTSV(std::string_view text) {
   std::string out;
   out.reserve(text.size());
   // Plain runs are copied whole: appending byte by byte was a fifth of a large span.
@@ -178,7 +180,7 @@ std::string escapeTSV(std::string_view text, bool cr) {
         escaped = "\\n";
         break;
       case '\r':
-        if (cr) escaped = "\\r";
+        escaped = "\\r";
         break;
       default:
         break;
@@ -189,6 +191,110 @@ std::string escapeTSV(std::string_view text, bool cr) {
     run = i + 1;
   }
   out.append(text.data() + run, text.size() - run);
+  return out;
+}
+
+bool isValidUTF8(std::string_view bytes) {
+  const auto* s = reinterpret_cast<const unsigned char*>(bytes.data());
+  const size_t n = bytes.size();
+  size_t i = 0;
+  while (i < n) {
+    // Runs of ASCII are the common case: test eight bytes at a time, and step over
+    // the ASCII bytes in front of the first one with its high bit set.
+    while (i + 8 <= n) {
+      uint64_t word;
+      std::memcpy(&word, s + i, 8);
+      const uint64_t high = word & 0x8080808080808080ULL;
+      if (high != 0) {
+        if constexpr (std::endian::native == std::endian::little) {
+          i += static_cast<size_t>(std::countr_zero(high)) / 8;
+        }
+        break;
+      }
+      i += 8;
+    }
+    if (i >= n) break;
+    const unsigned char c = s[i];
+    if (c < 0x80) {
+      ++i;
+      continue;
+    }
+    size_t need;
+    unsigned char lo = 0x80, hi = 0xBF;  // bounds of the second byte
+    if (c >= 0xC2 && c <= 0xDF) {
+      need = 1;
+    } else if (c == 0xE0) {
+      need = 2, lo = 0xA0;
+    } else if ((c >= 0xE1 && c <= 0xEC) || c == 0xEE || c == 0xEF) {
+      need = 2;
+    } else if (c == 0xED) {
+      need = 2, hi = 0x9F;  // no UTF-16 surrogates
+    } else if (c == 0xF0) {
+      need = 3, lo = 0x90;
+    } else if (c >= 0xF1 && c <= 0xF3) {
+      need = 3;
+    } else if (c == 0xF4) {
+      need = 3, hi = 0x8F;
+    } else {
+      return false;
+    }
+    if (n - i - 1 < need) return false;
+    if (s[i + 1] < lo || s[i + 1] > hi) return false;
+    for (size_t k = 2; k <= need; ++k) {
+      if ((s[i + k] & 0xC0) != 0x80) return false;
+    }
+    i += need + 1;
+  }
+  return true;
+}
+
+size_t utf8SequenceAt(std::string_view s, size_t i, size_t& bad) {
+  const auto byte = [&](size_t k) { return static_cast<unsigned char>(s[k]); };
+  const unsigned char b0 = byte(i);
+  bad = 1;
+  if (b0 < 0x80) return 1;
+  size_t need = 0;
+  unsigned char lo = 0x80, hi = 0xBF;
+  if (b0 >= 0xC2 && b0 <= 0xDF) {
+    need = 1;
+  } else if (b0 >= 0xE0 && b0 <= 0xEF) {
+    need = 2;
+    if (b0 == 0xE0) lo = 0xA0;
+    if (b0 == 0xED) hi = 0x9F;  // no surrogates
+  } else if (b0 >= 0xF0 && b0 <= 0xF4) {
+    need = 3;
+    if (b0 == 0xF0) lo = 0x90;
+    if (b0 == 0xF4) hi = 0x8F;  // nothing above U+10FFFF
+  } else {
+    return 0;
+  }
+  for (size_t k = 1; k <= need; ++k) {
+    if (i + k >= s.size()) return 0;
+    const unsigned char b = byte(i + k);
+    const unsigned char min = k == 1 ? lo : 0x80;
+    const unsigned char max = k == 1 ? hi : 0xBF;
+    if (b < min || b > max) return 0;
+    bad = k + 1;
+  }
+  return need + 1;
+}
+
+std::string repairUTF8(std::string_view bytes) {
+  if (isValidUTF8(bytes)) return std::string(bytes);
+  std::string out;
+  out.reserve(bytes.size() + 16);
+  size_t i = 0;
+  while (i < bytes.size()) {
+    size_t bad = 0;
+    const size_t n = utf8SequenceAt(bytes, i, bad);
+    if (n == 0) {
+      out.append("\xEF\xBF\xBD");
+      i += bad;
+    } else {
+      out.append(bytes.substr(i, n));
+      i += n;
+    }
+  }
   return out;
 }
 

@@ -14,8 +14,19 @@ std::string_view trim(std::string_view utf8);
 std::string_view trimBlanks(std::string_view utf8);
 // Unicode lower-casing (root locale).
 std::string lower(std::string_view utf8);
-// Backslash, tab, line feed (and carriage return when `cr`) escaped for TSV cells.
-std::string escapeTSV(std::string_view text, bool cr = true);
+// A TSV cell: backslash, tab, line feed and carriage return written as \\, \t, \n and
+// \r, so text from a store can never open a column or a line. The one cell escaper of
+// every row and report writer.
+std::string escapeTSV(std::string_view text);
+
+// True when `bytes` is well-formed UTF-8 (no overlong forms, surrogates or code
+// points past U+10FFFF).
+bool isValidUTF8(std::string_view bytes);
+// The length of the well-formed UTF-8 sequence at bytes[i], or 0 when it is
+// ill-formed; `bad` then holds the length of its maximal ill-formed subpart (>= 1).
+size_t utf8SequenceAt(std::string_view bytes, size_t i, size_t& bad);
+// `bytes` with every maximal ill-formed subpart replaced by U+FFFD.
+std::string repairUTF8(std::string_view bytes);
 // The shortest decimal that reads back as the same double ("0.5", "1767225600").
 std::string shortestDecimal(double value);
 // True when every byte is ASCII.

@@ -29,7 +29,7 @@ std::string joinHandles(const std::set<std::string>& handles) {
   std::string s;
   for (const std::string& h : handles) {
     if (!s.empty()) s += '|';
-    s += h;
+    s += TeskText::escapeTSV(h);
   }
   return s;
 }
@@ -44,8 +44,10 @@ std::vector<WhoRow> whoTable(const std::vector<TeskRow>& rows,
   if (isSelfQuery(query)) {
     if (me) {
       std::string handles;
-      for (const std::string& h : me->handles) handles += (handles.empty() ? "" : "|") + h;
-      out.push_back({"me\t" + handles + "\t0\t0\t0\t\t\t" + TeskText::escapeTSV(me->name, false)});
+      for (const std::string& h : me->handles) {
+        handles += (handles.empty() ? "" : "|") + TeskText::escapeTSV(h);
+      }
+      out.push_back({"me\t" + handles + "\t0\t0\t0\t\t\t" + TeskText::escapeTSV(me->name)});
     }
     return out;
   }
@@ -82,10 +84,10 @@ std::vector<WhoRow> whoTable(const std::vector<TeskRow>& rows,
       auto byHandle = roster.byHandle.find(TeskIdentity::canonical(*h));
       if (byHandle != roster.byHandle.end()) name = byHandle->second;
     }
-    out.push_back({*id + "\t" + joinHandles(p->handles) + "\t" + std::to_string(p->total) + "\t" +
-                   std::to_string(p->inbound) + "\t" + std::to_string(p->outbound) + "\t" +
-                   TeskTime::isoString(p->first) + "\t" + TeskTime::isoString(p->last) + "\t" +
-                   TeskText::escapeTSV(name.value_or(""), false)});
+    out.push_back({TeskText::escapeTSV(*id) + "\t" + joinHandles(p->handles) + "\t" +
+                   std::to_string(p->total) + "\t" + std::to_string(p->inbound) + "\t" +
+                   std::to_string(p->outbound) + "\t" + TeskTime::isoString(p->first) + "\t" +
+                   TeskTime::isoString(p->last) + "\t" + TeskText::escapeTSV(name.value_or(""))});
   }
   return out;
 }

@@ -7,6 +7,7 @@
 #include <map>
 #include <set>
 
+#include "cli/TeskText.h"
 #include "cli/TeskTime.h"
 #include "health/TeskGrant.h"
 #include "health/TeskOptelHealth.h"
@@ -347,7 +348,7 @@ std::vector<std::string> render(const std::vector<Row>& rows) {
     line += '\t';
     line += r.openMode;
     line += '\t';
-    line += r.detail;
+    line += TeskText::escapeTSV(r.detail);
     lines.push_back(std::move(line));
     dead |= r.verdict == Verdict::dead;
     partial |= r.verdict == Verdict::partial;
@@ -389,7 +390,7 @@ std::vector<std::string> render(const std::vector<Row>& rows) {
     lines.emplace_back();
     lines.emplace_back(
         "# CAUSE — read from Accounts4 and the provider's own error table, not inferred:");
-    for (const std::string& c : causes) lines.push_back("#   " + c);
+    for (const std::string& c : causes) lines.push_back("#   " + TeskText::escapeTSV(c));
   }
   if (denied) {
     lines.emplace_back();

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <map>
 
+#include "cli/TeskText.h"
 #include "cli/TeskTime.h"
 #include "health/TeskDoctor.h"
 #include "sources/messages/TeskKeyedArchive.h"
@@ -300,14 +301,14 @@ std::vector<std::string> linkReport(const std::string& home, double now) {
   std::vector<std::string> lines;
   lines.emplace_back("field\tvalue");
   lines.push_back("provider\t" + lowerASCII(l.provider));
-  lines.push_back("account\t" + l.username.value_or(dash));
+  lines.push_back("account\t" + TeskText::escapeTSV(l.username.value_or(dash)));
   lines.push_back("verdict\t" + upper(rawValue(l.verdict())));
-  lines.push_back("account_id\t" + l.identifier.value_or(dash));
+  lines.push_back("account_id\t" + TeskText::escapeTSV(l.identifier.value_or(dash)));
   lines.push_back(std::string("active\t") + (l.active ? "yes" : "no"));
   lines.push_back(std::string("authenticated\t") + (l.authenticated ? "yes" : "no"));
   lines.push_back("last_rejection\t" +
                   (l.lastRejection ? TeskTime::isoString(*l.lastRejection) : dash));
-  lines.push_back("provider_error\t" + l.lastError.value_or(dash));
+  lines.push_back("provider_error\t" + TeskText::escapeTSV(l.lastError.value_or(dash)));
   lines.emplace_back();
   lines.emplace_back("mirror\tswitched_on\tnewest_on_disk\tstate\tfills");
   for (Mirror m : allMirrors) {

@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "cli/TeskText.h"
+#include "report/TeskJSON.h"
 
 namespace TeskAssert {
 
@@ -17,29 +18,7 @@ std::string bracketList(const std::vector<std::string>& items) {
   std::string out = "[";
   for (size_t i = 0; i < items.size(); ++i) {
     if (i > 0) out += ", ";
-    out += '"';
-    for (char c : items[i]) {
-      switch (c) {
-        case '"':
-          out += "\\\"";
-          break;
-        case '\\':
-          out += "\\\\";
-          break;
-        case '\n':
-          out += "\\n";
-          break;
-        case '\t':
-          out += "\\t";
-          break;
-        case '\r':
-          out += "\\r";
-          break;
-        default:
-          out += c;
-      }
-    }
-    out += '"';
+    TeskJSON::appendString(out, items[i], TeskJSON::Slash::plain);
   }
   out += ']';
   return out;

@@ -183,13 +183,13 @@ std::vector<std::string> render(const std::vector<Row>& buckets, const NameLooku
   lines.reserve(buckets.size() + 1);
   lines.push_back(header(kind));
   for (const auto& b : buckets) {
-    std::string line = b.key + "\t" + std::to_string(b.count) + "\t" + std::to_string(b.inbound) +
-                       "\t" + std::to_string(b.outbound) + "\t" + TeskTime::isoString(b.first) +
-                       "\t" + TeskTime::isoString(b.last);
+    std::string line = TeskText::escapeTSV(b.key) + "\t" + std::to_string(b.count) + "\t" +
+                       std::to_string(b.inbound) + "\t" + std::to_string(b.outbound) + "\t" +
+                       TeskTime::isoString(b.first) + "\t" + TeskTime::isoString(b.last);
     if (kind == Kind::who) {
       line += '\t';
       if (names) {
-        if (auto name = names(b.key)) line += *name;
+        if (auto name = names(b.key)) line += TeskText::escapeTSV(*name);
       }
     }
     lines.push_back(std::move(line));

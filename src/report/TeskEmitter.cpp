@@ -198,7 +198,8 @@ std::vector<std::string> TeskEmitter::aggregate(int64_t total, std::span<const T
   std::partial_sort(top.begin(), top.begin() + static_cast<std::ptrdiff_t>(shown), top.end(),
                     byCount);
   for (size_t i = 0; i < shown; ++i) {
-    lines.push_back("who\t" + std::string(top[i].first) + "\t" + std::to_string(top[i].second));
+    lines.push_back("who\t" + TeskText::escapeTSV(top[i].first) + "\t" +
+                    std::to_string(top[i].second));
   }
 
   lines.emplace_back("# weekly");
@@ -248,19 +249,23 @@ std::optional<std::string> TeskEmitter::writeSpill(std::span<const TeskRow> rows
   {
     std::unique_ptr<std::FILE, FileCloser> file(std::fopen(temp.c_str(), "wb"));
     if (!file) return std::nullopt;
+    // Chunks end at line ends, so no UTF-8 sequence spans two; like every line tesk
+    // writes, the file's are valid UTF-8.
+    auto write = [&](std::string& chunk) {
+      if (!TeskText::isValidUTF8(chunk)) chunk = TeskText::repairUTF8(chunk);
+      return std::fwrite(chunk.data(), 1, chunk.size(), file.get()) == chunk.size();
+    };
     std::string chunk = header() + "\n";
     ok = true;
     for (size_t i = rows.size(); i-- > 0 && ok;) {
       chunk += tsvLine(rows[i], showBody_);
       chunk += '\n';
       if (chunk.size() >= (1u << 16) || i == 0) {
-        ok = std::fwrite(chunk.data(), 1, chunk.size(), file.get()) == chunk.size();
+        ok = write(chunk);
         chunk.clear();
       }
     }
-    if (ok && !chunk.empty()) {
-      ok = std::fwrite(chunk.data(), 1, chunk.size(), file.get()) == chunk.size();
-    }
+    if (ok && !chunk.empty()) ok = write(chunk);
     ok = ok && std::fflush(file.get()) == 0;
     std::FILE* raw = file.release();
     ok = std::fclose(raw) == 0 && ok;

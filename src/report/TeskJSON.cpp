@@ -4,32 +4,11 @@
 #include <cmath>
 #include <cstdio>
 
+#include "cli/TeskText.h"
+
 namespace TeskJSON {
 
 namespace {
-
-// Length of the valid UTF-8 sequence at s[i], or 0 when the bytes there are not one
-// (overlong forms, surrogates and code points above U+10FFFF included).
-size_t utf8Length(std::string_view s, size_t i) {
-  auto b = [&](size_t k) { return static_cast<unsigned char>(s[k]); };
-  unsigned char c = b(i);
-  size_t n = s.size() - i;
-  auto cont = [&](size_t k) { return (b(i + k) & 0xC0) == 0x80; };
-  if (c >= 0xC2 && c <= 0xDF) return n >= 2 && cont(1) ? 2 : 0;
-  if (c >= 0xE0 && c <= 0xEF) {
-    if (n < 3 || !cont(1) || !cont(2)) return 0;
-    if (c == 0xE0 && b(i + 1) < 0xA0) return 0;   // overlong
-    if (c == 0xED && b(i + 1) >= 0xA0) return 0;  // surrogate
-    return 3;
-  }
-  if (c >= 0xF0 && c <= 0xF4) {
-    if (n < 4 || !cont(1) || !cont(2) || !cont(3)) return 0;
-    if (c == 0xF0 && b(i + 1) < 0x90) return 0;   // overlong
-    if (c == 0xF4 && b(i + 1) >= 0x90) return 0;  // above U+10FFFF
-    return 4;
-  }
-  return 0;
-}
 
 bool write(std::string& out, const Value& value, bool pretty, int depth);
 
@@ -97,59 +76,76 @@ bool write(std::string& out, const Value& value, bool pretty, int depth) {
 
 }  // namespace
 
-void appendString(std::string& out, std::string_view s) {
+void appendEscaped(std::string& out, std::string_view s, Slash slash) {
   static constexpr char hex[] = "0123456789abcdef";
-  out += '"';
+  // Runs that need no escape are copied whole.
+  size_t run = 0;
   size_t i = 0;
+  auto flush = [&](size_t upto) { out.append(s.data() + run, upto - run); };
   while (i < s.size()) {
-    auto c = static_cast<unsigned char>(s[i]);
+    const auto c = static_cast<unsigned char>(s[i]);
     if (c >= 0x80) {
-      size_t n = utf8Length(s, i);
-      if (n == 0) {
-        out += "\xEF\xBF\xBD";  // U+FFFD for a byte that starts no valid sequence
-        ++i;
-      } else {
-        out.append(s.substr(i, n));
+      size_t bad = 0;
+      const size_t n = TeskText::utf8SequenceAt(s, i, bad);
+      if (n != 0) {
         i += n;
+        continue;
       }
+      flush(i);
+      out += "\xEF\xBF\xBD";  // U+FFFD for an ill-formed subpart
+      i += bad;
+      run = i;
       continue;
     }
+    const char* escaped = nullptr;
     switch (c) {
       case '"':
-        out += "\\\"";
+        escaped = "\\\"";
         break;
       case '\\':
-        out += "\\\\";
+        escaped = "\\\\";
         break;
       case '/':
-        out += "\\/";
+        if (slash == Slash::escaped) escaped = "\\/";
         break;
       case '\b':
-        out += "\\b";
+        escaped = "\\b";
         break;
       case '\f':
-        out += "\\f";
+        escaped = "\\f";
         break;
       case '\n':
-        out += "\\n";
+        escaped = "\\n";
         break;
       case '\r':
-        out += "\\r";
+        escaped = "\\r";
         break;
       case '\t':
-        out += "\\t";
+        escaped = "\\t";
         break;
       default:
-        if (c < 0x20) {
-          out += "\\u00";
-          out += hex[c >> 4];
-          out += hex[c & 0xF];
-        } else {
-          out += static_cast<char>(c);
-        }
+        break;
     }
-    ++i;
+    if (escaped == nullptr && c >= 0x20) {
+      ++i;
+      continue;
+    }
+    flush(i);
+    if (escaped != nullptr) {
+      out += escaped;
+    } else {
+      out += "\\u00";
+      out += hex[c >> 4];
+      out += hex[c & 0xF];
+    }
+    run = ++i;
   }
+  flush(s.size());
+}
+
+void appendString(std::string& out, std::string_view s, Slash slash) {
+  out += '"';
+  appendEscaped(out, s, slash);
   out += '"';
 }
 

@@ -14,10 +14,17 @@
 
 namespace TeskJSON {
 
-// Appends `utf8` as a quoted JSON string: quote, backslash and "/" backslash-escaped,
-// \b \f \n \r \t by name, other controls below U+0020 as \u00xx; bytes that are not
-// valid UTF-8 become U+FFFD so the line always parses.
-void appendString(std::string& out, std::string_view utf8);
+// Whether "/" is written as "\/" (Apple's JSONSerialization does; the receipt, the
+// error line and messages to the user do not).
+enum class Slash { escaped, plain };
+
+// The one JSON string escaper of the program. Appends the inside of a JSON string:
+// quote and backslash backslash-escaped, \b \f \n \r \t by name, every other control
+// below U+0020 as \u00xx, "/" as `slash` says; each maximal ill-formed UTF-8 subpart
+// becomes U+FFFD, so the text always parses.
+void appendEscaped(std::string& out, std::string_view utf8, Slash slash);
+// The same between double quotes.
+void appendString(std::string& out, std::string_view utf8, Slash slash = Slash::escaped);
 // The quoted form of `utf8` as a new string.
 std::string quoted(std::string_view utf8);
 

@@ -3,13 +3,12 @@
 #include <cstdio>
 
 #include "cli/TeskTime.h"
+#include "report/TeskJSON.h"
 
 namespace {
 
 void appendQuoted(std::string& out, std::string_view text) {
-  out += '"';
-  out += TeskReceipt::escape(text);
-  out += '"';
+  TeskJSON::appendString(out, text, TeskJSON::Slash::plain);
 }
 
 void appendInstant(std::string& out, double t) {
@@ -40,24 +39,7 @@ void appendList(std::string& out, const std::vector<std::string>& items) {
 std::string TeskReceipt::escape(std::string_view text) {
   std::string out;
   out.reserve(text.size());
-  for (char c : text) {
-    switch (c) {
-      case '\\':
-        out += "\\\\";
-        break;
-      case '"':
-        out += "\\\"";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      default:
-        out += c;
-    }
-  }
+  TeskJSON::appendEscaped(out, text, TeskJSON::Slash::plain);
   return out;
 }
 

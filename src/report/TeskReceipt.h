@@ -47,8 +47,8 @@ struct TeskReceipt {
   // left out, never written as null; `v` comes first and `ms` last.
   std::string render() const;
 
-  // The receipt's string escaping: backslash, double quote, line feed and tab get a
-  // backslash form; every other byte passes unchanged.
+  // The inside of a receipt string: the program's JSON escaping with "/" left as it
+  // is (control characters escaped, ill-formed UTF-8 replaced by U+FFFD).
   static std::string escape(std::string_view text);
 
   // Every key `render` can write, in the order it writes them; `tesk api` lists these,

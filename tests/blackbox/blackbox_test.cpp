@@ -8,7 +8,10 @@
 #include <filesystem>
 #include <fstream>
 
+#include "cli/TeskText.h"
 #include "common/TeskTestHome.h"
+#include "health/TestStores.h"
+#include "report/TeskJSONValue.h"
 
 extern char** environ;
 
@@ -311,6 +314,102 @@ TEST(BlackBox, HealthVerbsOnAnEmptyHome) {
   Answer link = tesk({"link"}, empty.path());
   expectFramed(link);
   EXPECT_EQ(link.exit, 3);  // no Google account
+}
+
+// Every line valid UTF-8, every receipt (and error line) a JSON object after "#tesk ".
+void expectLinesParse(const Answer& a) {
+  for (const std::string& line : a.lines) {
+    EXPECT_TRUE(TeskText::isValidUTF8(line)) << testing::PrintToString(line);
+    if (line.rfind("#tesk ", 0) == 0) {
+      const auto json = TeskJSONValue::parse(std::string_view(line).substr(6));
+      EXPECT_TRUE(json && json->object()) << testing::PrintToString(line);
+    }
+  }
+}
+
+// Stores holding bytes that are not UTF-8 and control characters where text is
+// expected, and arguments holding the same: every answer still parses line by line,
+// and no stored text creates a line or a column.
+TEST(BlackBox, HostileTextNeverBreaksALine) {
+  tesk_test::TempHome home;
+  const std::string latin1 = "caf\xE9@example.com";  // a Latin-1 handle
+  {
+    auto db = tesk_test::createStore(home.file("Library/Messages/chat.db"), "chatdb.sql");
+    tesk_test::Insert handle(db.get(),
+                             "INSERT INTO handle(ROWID,id,service) VALUES (?,?,'iMessage')");
+    handle.i(1).t(latin1).run();
+    handle.i(2).t("x\ty\r\nz").run();
+    tesk_test::Insert chat(db.get(),
+                           "INSERT INTO chat(ROWID,guid,style,chat_identifier) VALUES (?,?,45,?)");
+    chat.i(1).t("c1").t(latin1).run();
+    chat.i(2).t("c2").t("x\ty\r\nz").run();
+    tesk_test::Insert m(db.get(),
+                        "INSERT INTO message(ROWID,guid,text,handle_id,date,is_from_me) "
+                        "VALUES (?,?,?,?,?,0)");
+    const double now = static_cast<double>(time(nullptr));
+    const std::string texts[] = {"tab\there\r\nnew line\x01\x1f", "caf\xE9 au lait\rend", "fine"};
+    for (int i = 1; i <= 3; ++i) {
+      m.i(i).t("g" + std::to_string(i)).t(texts[i - 1]).i(i == 2 ? 1 : 2);
+      m.i(static_cast<int64_t>((now - 3600.0 * i - 978307200) * 1e9)).run();
+    }
+    tesk_test::exec(db.get(),
+                    "INSERT INTO chat_message_join(chat_id,message_id) VALUES (2,1),(1,2),(2,3)");
+  }
+  // A Google account whose username holds a line feed, and a calendar error whose
+  // NSError domain holds one: the doctor's cause and the link's fields.
+  const std::string accounts = home.file("Library/Accounts/Accounts4.sqlite");
+  tesk_test::makeDB(accounts, tesk_test::schema("accounts.ios-Accounts3.sql"));
+  tesk_test::makeDB(accounts,
+                    "INSERT INTO ZACCOUNTTYPE (Z_PK, ZACCOUNTTYPEDESCRIPTION) VALUES (1, 'Google');"
+                    "INSERT INTO ZACCOUNT (Z_PK, ZACTIVE, ZAUTHENTICATED, ZACCOUNTTYPE, "
+                    "ZIDENTIFIER, ZUSERNAME) VALUES (1, 1, 1, 1, 'ID', "
+                    "'owner@gmail.com' || char(10) || 'verdict' || char(9) || 'COMPLETE');");
+  const std::string calendar =
+      home.file("Library/Group Containers/group.com.apple.calendar/Calendar.sqlitedb");
+  tesk_test::makeDB(calendar, tesk_test::schema("calendar.sql"));
+  tesk_test::makeDB(calendar, "INSERT INTO Store (ROWID, name) VALUES (1, 'Google');");
+  teststores::execBlob(calendar, "INSERT INTO Error (store_owner_id, user_info) VALUES (1, ?)",
+                       teststores::keyedError({{"Evil\nim\tA\tFRESH\r", 1}}));
+
+  const std::vector<std::vector<std::string>> runs = {
+      {"im"},
+      {"im", "--format", "json"},
+      {"im", "--format", "agg"},
+      {"im", "--by", "who"},
+      {"who"},
+      {"sql", "SELECT who, body AS \"b\r\ny\" FROM tesk_message"},
+      {"search", "caf\xE9\r\x01"},
+      {"im", "--who", "x\ty\r\nz"},
+      {"span", "--bogus\xE9\r\x01"},
+      {"doctor"},
+      {"link"},
+  };
+  for (const auto& args : runs) {
+    SCOPED_TRACE(testing::PrintToString(args));
+    const Answer a = tesk(args, home.path());
+    expectLinesParse(a);
+    if (args[0] != "span") expectFramed(a);
+    if (args == std::vector<std::string>{"im"}) {
+      EXPECT_EQ(a.lines.size(), 3u + 3u) << a.text;  // receipts, header, one line a row
+    }
+  }
+
+  // The doctor's receipt counts its rows; the body holds exactly that many.
+  const Answer doctor = tesk({"doctor"}, home.path());
+  const auto receipt = TeskJSONValue::parse(std::string_view(doctor.lines[0]).substr(6));
+  ASSERT_TRUE(receipt);
+  const TeskJSONValue::Value* total = receipt->member("rows_total");
+  ASSERT_TRUE(total && total->number());
+  size_t rows = 0;
+  while (2 + rows < doctor.lines.size() - 1 && !doctor.lines[2 + rows].empty()) ++rows;
+  EXPECT_EQ(static_cast<double>(rows), *total->number()) << doctor.text;
+  EXPECT_TRUE(has(doctor.text, "#   Google: Evil\\nim\\tA\\tFRESH\\r 1")) << doctor.text;
+
+  const Answer link = tesk({"link"}, home.path());
+  size_t verdicts = 0;
+  for (const std::string& line : link.lines) verdicts += line.rfind("verdict\t", 0) == 0;
+  EXPECT_EQ(verdicts, 1u) << link.text;
+  EXPECT_TRUE(has(link.text, "account\towner@gmail.com\\nverdict\\tCOMPLETE\n")) << link.text;
 }
 
 }  // namespace

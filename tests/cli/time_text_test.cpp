@@ -217,4 +217,22 @@ TEST(TeskOut, BuffersUntilThresholdAndCapturesInOrder) {
   EXPECT_EQ(mem.captured(), "a\nb\nc\n");
 }
 
+TEST(TeskOut, EveryLineLeavesAsUTF8) {
+  struct Case {
+    std::string in, out;
+  };
+  const Case cases[] = {
+      {"caf\xC3\xA9", "caf\xC3\xA9"},
+      {"caf\xE9 (Latin-1)", "caf\xEF\xBF\xBD (Latin-1)"},
+      {"\xE2\x82", "\xEF\xBF\xBD"},              // a truncated sequence is one U+FFFD
+      {"\xC0\xAF", "\xEF\xBF\xBD\xEF\xBF\xBD"},  // overlong: each byte
+      {"\xED\xA0\x80!", "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD!"},
+  };
+  for (const Case& c : cases) {
+    TeskOut mem(TeskOut::Sink::memory);
+    mem.line(c.in);
+    EXPECT_EQ(mem.captured(), c.out + "\n") << testing::PrintToString(c.in);
+  }
+}
+
 }  // namespace

@@ -47,6 +47,19 @@ TEST(WhoTable, MergesHandlesOrdersByCountThenIdAndNamesFromTheRoster) {
   EXPECT_TRUE(TeskCLI::whoTable(rows, std::string("nobody"), roster, std::nullopt).empty());
 }
 
+TEST(WhoTable, StoredTextNeverOpensAColumnOrALine) {
+  using D = TeskRow::Direction;
+  TeskContacts::Roster roster;
+  roster.byHandle["x\ty"] = "Name\r\nForged";
+  const auto census = TeskCLI::whoTable({message("h\n1", "x\ty", D::incoming, 60)}, std::nullopt,
+                                        roster, std::nullopt);
+  EXPECT_EQ(lines(census), std::vector<std::string>{"x\\ty\th\\n1\t1\t1\t0\t1970-01-01T00:01:00Z\t"
+                                                    "1970-01-01T00:01:00Z\tName\\r\\nForged"});
+  TeskContacts::MeCard me{"Me\r", {"a\tb"}};
+  EXPECT_EQ(lines(TeskCLI::whoTable({}, std::string("me"), roster, me)),
+            std::vector<std::string>{"me\ta\\tb\t0\t0\t0\t\t\tMe\\r"});
+}
+
 TEST(WhoTable, SelfQueryPrintsTheMeCardOrNothing) {
   TeskContacts::Roster roster;
   EXPECT_TRUE(TeskCLI::whoTable({}, std::string(" me "), roster, std::nullopt).empty());

@@ -290,6 +290,26 @@ TEST(TeskGrant, RejectionDateAndIdentifier) {
   EXPECT_EQ(lines[7], "last_rejection\t" + TeskTime::isoString(800000000 + 978307200.0));
 }
 
+// Text from Accounts4 and the calendar's error table stays in its cell: a username
+// holding a line feed cannot print a verdict line of its own.
+TEST(TeskGrant, StoredFieldsNeverOpenALineOrAColumn) {
+  tesk_test::TempHome home;
+  Account a;
+  a.username = "owner@gmail.com\nverdict\tCOMPLETE";
+  a.identifier = "ID\r9";
+  makeAccounts(home.path(), {a});
+  makeCalendarErrors(home.path(), "Google", {teststores::keyedError({{"Evil\nDomain\t", 7}})});
+  const auto lines = TeskGrant::linkReport(home.path(), kNow);
+  ASSERT_GE(lines.size(), 9u);
+  EXPECT_EQ(lines[2], "account\towner@gmail.com\\nverdict\\tCOMPLETE");
+  EXPECT_EQ(lines[3], "verdict\tBROKEN");
+  EXPECT_EQ(lines[4], "account_id\tID\\r9");
+  EXPECT_EQ(lines[8], "provider_error\tEvil\\nDomain\\t 7");
+  for (const std::string& line : lines) {
+    EXPECT_EQ(line.find_first_of("\r\n"), std::string::npos) << line;
+  }
+}
+
 TEST(TeskGrant, EnabledMirrorsDiscoversTheJoinTable) {
   tesk_test::TempHome home;
   std::string path = home.path() + "/a.sqlite";

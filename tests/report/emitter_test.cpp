@@ -295,6 +295,9 @@ TEST(TeskEmitter, AggregateCounts) {
   ASSERT_EQ(lines.size(), 22u);
   EXPECT_EQ(lines[15], TeskEmitter::tsvLine(rows[6], true));
   EXPECT_EQ(lines[21], TeskEmitter::tsvLine(rows[0], true));
+  // A counterpart key read from a store stays one cell of one line.
+  rows[6].teskID = "car\nol\t";
+  EXPECT_EQ(TeskEmitter::aggregate(7, rows, true)[11], "who\tcar\\nol\\t\t1");
 }
 
 TEST(TeskEmitter, AggregateShowsFifteenCounterpartsAndTenExemplars) {

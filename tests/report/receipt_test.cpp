@@ -110,7 +110,7 @@ TEST(TeskReceipt, DecodeRateIsFiveDecimalsOverArchivedBodiesOnly) {
   }
 }
 
-TEST(TeskReceipt, StringsEscapeOnlyBackslashQuoteLineFeedAndTab) {
+TEST(TeskReceipt, StringsEscapeEveryControlAndRepairUTF8) {
   struct Case {
     std::string in, out;
   };
@@ -119,8 +119,9 @@ TEST(TeskReceipt, StringsEscapeOnlyBackslashQuoteLineFeedAndTab) {
       {"C:\\dir", "C:\\\\dir"},
       {"a\nb\tc", "a\\nb\\tc"},
       {"\\n", "\\\\n"},  // a literal backslash-n stays two characters
-      {"cr\r and \x01 pass", "cr\r and \x01 pass"},
-      {"caf\xC3\xA9 \xE2\x86\x92 /", "caf\xC3\xA9 \xE2\x86\x92 /"},
+      {"cr\r and \x01 and \x1f", "cr\\r and \\u0001 and \\u001f"},
+      {"caf\xC3\xA9 \xE2\x86\x92 /", "caf\xC3\xA9 \xE2\x86\x92 /"},  // "/" stays plain
+      {"Latin-1 caf\xE9", "Latin-1 caf\xEF\xBF\xBD"},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(TeskReceipt::escape(c.in), c.out);
@@ -130,6 +131,7 @@ TEST(TeskReceipt, StringsEscapeOnlyBackslashQuoteLineFeedAndTab) {
     std::string line = r.render();
     EXPECT_NE(line.find("\"q\":\"" + c.out + "\","), std::string::npos) << line;
     EXPECT_NE(line.find("\"notes\":[\"" + c.out + "\"]"), std::string::npos) << line;
+    EXPECT_TRUE(TeskJSONValue::parse(std::string_view(line).substr(6))) << line;
   }
 }
 

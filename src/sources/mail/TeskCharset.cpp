@@ -17,39 +17,6 @@
 namespace TeskMail {
 namespace {
 
-// Length of the well-formed UTF-8 sequence at `i`, or 0 when it is ill-formed;
-// `bad` then holds the length of its maximal ill-formed subpart (at least 1).
-size_t sequenceAt(std::string_view s, size_t i, size_t& bad) {
-  const auto byte = [&](size_t k) { return static_cast<unsigned char>(s[k]); };
-  const unsigned char b0 = byte(i);
-  bad = 1;
-  if (b0 < 0x80) return 1;
-  size_t need = 0;
-  unsigned char lo = 0x80, hi = 0xBF;
-  if (b0 >= 0xC2 && b0 <= 0xDF) {
-    need = 1;
-  } else if (b0 >= 0xE0 && b0 <= 0xEF) {
-    need = 2;
-    if (b0 == 0xE0) lo = 0xA0;
-    if (b0 == 0xED) hi = 0x9F;  // no surrogates
-  } else if (b0 >= 0xF0 && b0 <= 0xF4) {
-    need = 3;
-    if (b0 == 0xF0) lo = 0x90;
-    if (b0 == 0xF4) hi = 0x8F;  // nothing above U+10FFFF
-  } else {
-    return 0;
-  }
-  for (size_t k = 1; k <= need; ++k) {
-    if (i + k >= s.size()) return 0;
-    const unsigned char b = byte(i + k);
-    const unsigned char min = k == 1 ? lo : 0x80;
-    const unsigned char max = k == 1 ? hi : 0xBF;
-    if (b < min || b > max) return 0;
-    bad = k + 1;
-  }
-  return need + 1;
-}
-
 struct ConverterClose {
   void operator()(UConverter* c) const { ucnv_close(c); }
 };
@@ -218,44 +185,6 @@ std::string_view trimSpaces(std::string_view s) {
 }
 
 }  // namespace
-
-bool isValidUTF8(std::string_view bytes) {
-  size_t i = 0;
-  while (i < bytes.size()) {
-    // ASCII runs are the common case; skip them eight bytes at a time.
-    while (i + 8 <= bytes.size()) {
-      uint64_t word;
-      std::memcpy(&word, bytes.data() + i, 8);
-      if (word & 0x8080808080808080ULL) break;
-      i += 8;
-    }
-    if (i >= bytes.size()) break;
-    size_t bad = 0;
-    const size_t n = sequenceAt(bytes, i, bad);
-    if (n == 0) return false;
-    i += n;
-  }
-  return true;
-}
-
-std::string repairUTF8(std::string_view bytes) {
-  if (isValidUTF8(bytes)) return std::string(bytes);
-  std::string out;
-  out.reserve(bytes.size() + 16);
-  size_t i = 0;
-  while (i < bytes.size()) {
-    size_t bad = 0;
-    const size_t n = sequenceAt(bytes, i, bad);
-    if (n == 0) {
-      out.append("\xEF\xBF\xBD");
-      i += bad;
-    } else {
-      out.append(bytes.substr(i, n));
-      i += n;
-    }
-  }
-  return out;
-}
 
 std::optional<std::string> utf8(std::string_view bytes, std::optional<std::string_view> charset) {
   if (charset) {

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "cli/TeskText.h"
 #include "report/TeskRow.h"
 #include "report/TeskSpan.h"
 #include "sources/messages/TeskFilter.h"
@@ -242,9 +243,7 @@ std::string normalize(std::string_view bytes);
 
 // Utilities the decoder shares
 
-// `bytes` with every invalid UTF-8 sequence replaced by U+FFFD.
-std::string repairUTF8(std::string_view bytes);
-// True when `bytes` is well-formed UTF-8.
-bool isValidUTF8(std::string_view bytes);
+using TeskText::isValidUTF8;
+using TeskText::repairUTF8;
 
 }  // namespace TeskMail

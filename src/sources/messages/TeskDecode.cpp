@@ -83,60 +83,6 @@ void Census::record(const Outcome& outcome) {
   if (outcome.direct) ++direct;
 }
 
-bool isValidUTF8(std::string_view bytes) {
-  const auto* s = reinterpret_cast<const unsigned char*>(bytes.data());
-  const size_t n = bytes.size();
-  size_t i = 0;
-  while (i < n) {
-    // Runs of ASCII are the common case: test eight bytes at a time, and step over
-    // the ASCII bytes in front of the first one with its high bit set.
-    while (i + 8 <= n) {
-      uint64_t word;
-      std::memcpy(&word, s + i, 8);
-      const uint64_t high = word & 0x8080808080808080ULL;
-      if (high != 0) {
-        if constexpr (std::endian::native == std::endian::little) {
-          i += static_cast<size_t>(std::countr_zero(high)) / 8;
-        }
-        break;
-      }
-      i += 8;
-    }
-    if (i >= n) break;
-    const unsigned char c = s[i];
-    if (c < 0x80) {
-      ++i;
-      continue;
-    }
-    size_t need;
-    unsigned char lo = 0x80, hi = 0xBF;  // bounds of the second byte
-    if (c >= 0xC2 && c <= 0xDF) {
-      need = 1;
-    } else if (c == 0xE0) {
-      need = 2, lo = 0xA0;
-    } else if ((c >= 0xE1 && c <= 0xEC) || c == 0xEE || c == 0xEF) {
-      need = 2;
-    } else if (c == 0xED) {
-      need = 2, hi = 0x9F;  // no UTF-16 surrogates
-    } else if (c == 0xF0) {
-      need = 3, lo = 0x90;
-    } else if (c >= 0xF1 && c <= 0xF3) {
-      need = 3;
-    } else if (c == 0xF4) {
-      need = 3, hi = 0x8F;
-    } else {
-      return false;
-    }
-    if (n - i - 1 < need) return false;
-    if (s[i + 1] < lo || s[i + 1] > hi) return false;
-    for (size_t k = 2; k <= need; ++k) {
-      if ((s[i + k] & 0xC0) != 0x80) return false;
-    }
-    i += need + 1;
-  }
-  return true;
-}
-
 std::optional<std::string> directBody(Bytes blob) {
   const size_t n = blob.size();
   const size_t window = std::min(n, kMarkerWindow);
@@ -169,7 +115,7 @@ std::optional<std::string> directBody(Bytes blob) {
   }
   if (length > n - start) return std::nullopt;
   std::string_view text(reinterpret_cast<const char*>(blob.data()) + start, length);
-  if (!isValidUTF8(text)) return std::nullopt;
+  if (!TeskText::isValidUTF8(text)) return std::nullopt;
   return std::string(text);
 }
 

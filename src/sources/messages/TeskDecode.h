@@ -58,8 +58,4 @@ struct Stripped {
 };
 Stripped stripPlaceholders(const std::optional<std::string>& body);
 
-// True when `bytes` is well-formed UTF-8 (no overlong forms, surrogates or code
-// points past U+10FFFF), the test every reader applies before it returns text.
-bool isValidUTF8(std::string_view bytes);
-
 }  // namespace TeskDecode

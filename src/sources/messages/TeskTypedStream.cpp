@@ -1,4 +1,5 @@
 #include "sources/messages/TeskTypedStream.h"
+#include "cli/TeskText.h"
 
 #include <cstring>
 #include <string_view>
@@ -487,7 +488,7 @@ std::optional<RootString> rootString(Bytes blob) {
     bytes = stringBytes(reader, object.firstObject);
     out.kind = RootKind::attributedString;
   }
-  if (!bytes || !TeskDecode::isValidUTF8(*bytes)) return std::nullopt;
+  if (!bytes || !TeskText::isValidUTF8(*bytes)) return std::nullopt;
   out.text.assign(bytes->data(), bytes->size());
   return out;
 }

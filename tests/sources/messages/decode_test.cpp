@@ -1,3 +1,4 @@
+#include "cli/TeskText.h"
 #include "sources/messages/TeskDecode.h"
 
 #include <gtest/gtest.h>
@@ -278,7 +279,7 @@ TEST(IsValidUTF8, RejectsEveryMalformedForm) {
       {"\xc3\x28", false},       // bad continuation
   };
   for (const auto& [bytes, valid] : cases) {
-    EXPECT_EQ(TeskDecode::isValidUTF8(bytes), valid) << testing::PrintToString(bytes);
+    EXPECT_EQ(TeskText::isValidUTF8(bytes), valid) << testing::PrintToString(bytes);
   }
 }
 
