@@ -110,15 +110,21 @@ std::string_view rawValue(Capability capability) { return info(capability).raw; 
 std::string_view summary(Capability capability) { return info(capability).summary; }
 Door door(Capability capability) { return info(capability).door; }
 
-bool isGranted(Door door) {
-  switch (door) {
-    case Door::none:
-      return true;
-    case Door::fullDisk:
-      return ::access(kFullDiskProbe, R_OK) == 0;
-    default:
-      return systemGrant(door);
-  }
+Platform Platform::current() {
+#ifdef __APPLE__
+  return Platform{true, kFullDiskProbe};
+#else
+  return Platform{false, kFullDiskProbe};
+#endif
+}
+
+bool isGranted(Door door) { return isGrantedOn(Platform::current(), door); }
+
+bool isGrantedOn(const Platform& platform, Door door) {
+  if (door == Door::none) return true;
+  if (!platform.keepsGrants) return false;
+  if (door == Door::fullDisk) return ::access(platform.fullDiskProbe.c_str(), R_OK) == 0;
+  return systemGrant(door);
 }
 
 GrantFn fromMap(const std::map<Door, bool>& grants) {
@@ -254,6 +260,19 @@ std::vector<std::string> report(const GrantFn& granted) {
   lines.emplace_back("#   only as current as the account that fills them — see `tesk link`.");
   return lines;
 }
+
+std::vector<std::string> report(const Platform& platform) {
+  std::vector<std::string> lines = report([&platform](Door d) { return isGrantedOn(platform, d); });
+  if (!platform.keepsGrants) {
+    lines.emplace_back();
+    lines.emplace_back(
+        "# this platform keeps no such grants: the doors are macOS privacy permissions, so");
+    lines.emplace_back("#   none can read as granted here.");
+  }
+  return lines;
+}
+
+std::vector<std::string> report() { return report(Platform::current()); }
 
 std::vector<std::string> report(const std::map<Door, bool>& grants) {
   return report(fromMap(grants));

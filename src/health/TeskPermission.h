@@ -85,10 +85,22 @@ Door door(Capability capability);
 // another process is wrapped with `fromMap`.
 using GrantFn = std::function<bool(Door)>;
 
+// Where live answers come from. Only macOS keeps privacy grants; anywhere else no
+// door but `none` can be open, whatever files happen to exist (a readable copy of
+// the full-disk probe file on another system proves nothing).
+struct Platform {
+  bool keepsGrants = false;
+  // Readable only with full disk access, on a platform that keeps grants.
+  std::string fullDiskProbe;
+  // The platform this binary was built for.
+  static Platform current();
+};
+
 // One live query of the operating system, never prompting. `none` is always granted.
-// Full disk access is the readability of a file only that grant opens; off macOS every
-// other door reads as closed.
+// Full disk access is the readability of a file only that grant opens.
 bool isGranted(Door door);
+// The same as `platform` would answer it.
+bool isGrantedOn(const Platform& platform, Door door);
 
 // A grant function over a measured map: `none` is granted, a door missing from the map
 // is not.
@@ -137,7 +149,11 @@ std::vector<Status> board(const std::map<Door, bool>& grants);
 // The setup plan, with the outstanding setup doors.
 Ask ask(const GrantFn& granted = isGranted);
 // The `doors` verb's lines: board, blocked capabilities, setup plan, warning.
-std::vector<std::string> report(const GrantFn& granted = isGranted);
+std::vector<std::string> report(const GrantFn& granted);
+// The live board of `platform`; on one that keeps no grants the board says so.
+std::vector<std::string> report(const Platform& platform);
+// The live board of this platform.
+std::vector<std::string> report();
 // The same over a measured map (a board another process printed).
 std::vector<std::string> report(const std::map<Door, bool>& grants);
 // The setup-plan block (starts with an empty line).
