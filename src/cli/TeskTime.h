@@ -20,6 +20,13 @@ namespace TeskTime {
 inline constexpr double appleEpochOffset = 978307200.0;      // 1970 -> 2001-01-01
 inline constexpr double webkitEpochOffset = -11644473600.0;  // 1601-01-01 -> 1970
 
+// The instants a store can honestly hold: 1970 up to, not including, 2200. A value
+// outside (a corrupt field, INT64_MAX, a placeholder) is no instant at all and is
+// kept out of horizons and freshness, where it would move or invert them.
+inline constexpr double earliestPlausible = 0;
+inline constexpr double latestPlausible = 7258118400.0;  // 2200-01-01T00:00:00Z
+inline constexpr bool plausible(double t) { return t >= earliestPlausible && t < latestPlausible; }
+
 // Returns the instant a --since/--until text names, relative to `now`, or nothing.
 // Relative amounts (30d, 90min, 12m, 5y) count back unless prefixed "+"; "now";
 // "today" (local midnight); ISO 8601 with a zone; local dates yyyy-MM-dd['T'HH:mm:ss],

@@ -7,6 +7,8 @@
 #include <map>
 #include <set>
 
+#include <sqlite3.h>
+
 #include "cli/TeskText.h"
 #include "cli/TeskTime.h"
 #include "health/TeskGrant.h"
@@ -64,14 +66,56 @@ Probe makeProbe(std::string key, Category category, std::vector<std::string> pat
 // What the opened stores of one probe add up to.
 struct Reading {
   int opened = 0;
-  bool anyMax = false;
-  int64_t max = 0;
-  int64_t count = 0;
-  int64_t total = 0;
+  double newest = 0;       // unix seconds; 0 when no dated row
+  int64_t count = 0;       // dated rows not in the future (every row when forward-looking)
+  int64_t future = 0;      // dated more than an hour ahead
+  int64_t undated = 0;     // NULL in the date column
+  int64_t outOfRange = 0;  // a value that is no instant (not a number, before 1970, after 2200)
   double modified = 0;
   std::set<std::string> modes;
   std::optional<std::string> failure;  // the first, only
 };
+
+std::string number(double v) {
+  char buf[64];
+  std::snprintf(buf, sizeof buf, "%.17g", v);
+  return buf;
+}
+
+// The SQL expression for `column` in unix seconds, NULL when it holds no number; the
+// same conversion as Probe::toUnix, so the comparisons below are made in one unit
+// whatever the store keeps (Safari's seconds and chat.db's nanoseconds alike).
+std::string unixExpression(Probe::Epoch epoch, const std::string& column) {
+  const std::string& c = column;
+  std::string t;
+  switch (epoch) {
+    case Probe::Epoch::apple:
+      t = "CASE WHEN " + c + " = 0 THEN 0 WHEN " + c + " BETWEEN -1e12 AND 1e12 THEN " + c + " + " +
+          number(TeskTime::appleEpochOffset) + " ELSE " + c + " / 1e9 + " +
+          number(TeskTime::appleEpochOffset) + " END";
+      break;
+    case Probe::Epoch::webkit:
+      t = "CASE WHEN " + c + " = 0 THEN 0 ELSE " + c + " / 1e6 + " +
+          number(TeskTime::webkitEpochOffset) + " END";
+      break;
+    case Probe::Epoch::unixSeconds:
+      t = c;
+      break;
+  }
+  return "CASE WHEN typeof(" + c + ") IN ('integer', 'real') THEN " + t + " END";
+}
+
+// The reason a store's statements failed, in the doctor's words.
+std::string failureText(const TeskStoreError& e, const std::string& path) {
+  switch (e.sqliteCode()) {
+    case SQLITE_NOTADB:
+      return "not a database: " + path;
+    case SQLITE_CORRUPT:
+      return "malformed: " + path;
+    default:
+      return "schema moved: " + e.description();
+  }
+}
 
 void readStore(const Probe& probe, const std::string& path, double now, Reading& reading) {
   std::optional<TeskStore> store;
@@ -81,32 +125,37 @@ void readStore(const Probe& probe, const std::string& path, double now, Reading&
     if (!reading.failure) reading.failure = e.description();
     return;
   }
-  std::optional<int64_t> max;
-  int64_t count = 0, total = 0;
+  // One pass: every row is dated (and then in the past, ahead, or no instant at
+  // all) or undated. Rows more than an hour ahead are never taken as the newest.
+  const std::string t = "(" + unixExpression(probe.epoch, probe.column) + ")";
+  const std::string valid = t + " >= " + number(TeskTime::earliestPlausible) + " AND " + t + " < " +
+                            number(TeskTime::latestPlausible);
+  const std::string past = valid + " AND " + t + " <= " + number(now + 3600);
+  const std::string counted = probe.forwardLooking ? valid : past;
+  const std::string sql = "SELECT MAX(CASE WHEN " + past + " THEN " + t +
+                          " END), COUNT(CASE WHEN " + counted + " THEN 1 END), COUNT(CASE WHEN " +
+                          valid + " THEN 1 END), COUNT(" + probe.column + "), COUNT(*) FROM " +
+                          probe.table;
+  std::optional<double> newest;
+  int64_t count = 0, inRange = 0, dated = 0, total = 0;
   try {
-    std::string sql = "SELECT MAX(" + probe.column + "), COUNT(*) FROM " + probe.table;
-    if (!probe.forwardLooking) {
-      // Rows dated more than an hour ahead are never taken as the newest.
-      sql += " WHERE " + probe.column +
-             " <= " + std::to_string(Probe::fromUnix(probe.epoch, now + 3600));
-    }
     store->query(sql, [&](const TeskRowReader& row) {
-      if (!row.isNull(0)) max = row.integer(0);
+      if (!row.isNull(0)) newest = row.real(0);
       count = row.integer(1);
+      inRange = row.integer(2);
+      dated = row.integer(3);
+      total = row.integer(4);
     });
-    store->query("SELECT COUNT(*) FROM " + probe.table,
-                 [&](const TeskRowReader& row) { total = row.integer(0); });
   } catch (const TeskStoreError& e) {
-    if (!reading.failure) reading.failure = "schema moved: " + e.description();
+    if (!reading.failure) reading.failure = failureText(e, path);
     return;
   }
   ++reading.opened;
-  if (max && (!reading.anyMax || *max > reading.max)) {
-    reading.max = *max;
-    reading.anyMax = true;
-  }
+  if (newest) reading.newest = std::max(reading.newest, *newest);
   reading.count += count;
-  reading.total += total;
+  reading.future += inRange - count;
+  reading.undated += total - dated;
+  reading.outOfRange += dated - inRange;
   reading.modified = std::max(reading.modified, store->sourceModified());
   reading.modes.insert(std::string(::rawValue(store->mode())));
 }
@@ -144,7 +193,9 @@ Row probeRow(const Probe& probe, double now, const std::optional<std::string>& c
   }
 
   row.count = reading.count;
-  row.future = std::max<int64_t>(reading.total - reading.count, 0);
+  row.future = reading.future;
+  row.undated = reading.undated;
+  row.outOfRange = reading.outOfRange;
   if (probe.forwardLooking) {
     // Future events are the point of such a store; its own last write says how fresh it is.
     row.newest = reading.modified;
@@ -152,9 +203,11 @@ Row probeRow(const Probe& probe, double now, const std::optional<std::string>& c
     if (behind < 0 && behind >= -60) behind = 0;
     row.ageHours = behind / 3600;
   } else {
-    row.newest = reading.anyMax ? Probe::toUnix(probe.epoch, reading.max) : 0;
-    row.ageHours =
-        row.newest > 0 ? (now - row.newest) / 3600 : std::numeric_limits<double>::infinity();
+    row.newest = reading.newest;
+    // The newest row may be up to an hour ahead (a sender's clock, a mail server's):
+    // that is a store written just now, not one of negative age.
+    row.ageHours = row.newest > 0 ? std::max(now - row.newest, 0.0) / 3600
+                                  : std::numeric_limits<double>::infinity();
   }
   row.verdict = classify(probe.category, row.ageHours, row.count);
   if (cause && (row.verdict == Verdict::fresh || row.verdict == Verdict::stale)) {
@@ -165,6 +218,13 @@ Row probeRow(const Probe& probe, double now, const std::optional<std::string>& c
   if (row.count == 0) detail = "0 rows — " + detail;
   if (row.future >= 1) {
     detail = std::to_string(row.future) + " row(s) dated in the future, excluded — " + detail;
+  }
+  if (row.undated >= 1) {
+    detail = std::to_string(row.undated) + " row(s) undated, excluded — " + detail;
+  }
+  if (row.outOfRange >= 1) {
+    detail = std::to_string(row.outOfRange) +
+             " row(s) dated outside 1970-2200 (no instant), excluded — " + detail;
   }
   if (reading.opened != 1) {
     detail = "summed across " + std::to_string(reading.opened) + " stores — " + detail;

@@ -62,6 +62,8 @@ struct Row {
   double ageHours = std::numeric_limits<double>::infinity();  // infinity unknown
   int64_t count = 0;
   int64_t future = 0;
+  int64_t undated = 0;     // no date at all: neither newest nor future
+  int64_t outOfRange = 0;  // a date that is no instant (before 1970, after 2200, not a number)
   std::string openMode = "-";
   std::string detail;
   int stores = 0;

@@ -46,6 +46,11 @@ std::optional<std::string> firstText(sqlite3* db, const std::string& sql) {
                      static_cast<size_t>(sqlite3_column_bytes(stmt.get(), 0)));
 }
 
+// The connection's last error as a store error, with its primary result code.
+TeskStoreError failure(sqlite3* db) {
+  return TeskStoreError::sql(sqlite3_errmsg(db), sqlite3_errcode(db) & 0xff);
+}
+
 std::string asciiLower(std::string s) {
   for (char& c : s) {
     if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + 32);
@@ -319,7 +324,7 @@ void TeskStore::query(const std::string& sql, const std::vector<TeskValue>& bind
   if (!db_) throw TeskStoreError::sql("closed");
   sqlite3* db = db_.get();
   Statement stmt = prepare(db, sql);
-  if (!stmt) throw TeskStoreError::sql(sqlite3_errmsg(db));
+  if (!stmt) throw failure(db);
   for (size_t k = 0; k < binds.size(); ++k) {
     const TeskValue& v = binds[k];
     int index = static_cast<int>(k + 1);
@@ -341,7 +346,7 @@ void TeskStore::query(const std::string& sql, const std::vector<TeskValue>& bind
   const TeskRowReader reader(stmt.get());
   int rc;
   while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW) row(reader);
-  if (rc != SQLITE_DONE) throw TeskStoreError::sql(sqlite3_errmsg(db));
+  if (rc != SQLITE_DONE) throw failure(db);
 }
 
 bool TeskStore::tableExists(const std::string& name) {

@@ -18,9 +18,11 @@ class TeskStoreError : public std::exception {
   static TeskStoreError staleWAL(std::string path, std::string detail) {
     return TeskStoreError(Kind::staleWAL, std::move(path), std::move(detail));
   }
-  // "sql: <message>"
-  static TeskStoreError sql(std::string message) {
-    return TeskStoreError(Kind::sql, std::string(), std::move(message));
+  // "sql: <message>"; `code` is SQLite's primary result code when one is known.
+  static TeskStoreError sql(std::string message, int code = 0) {
+    TeskStoreError e(Kind::sql, std::string(), std::move(message));
+    e.code_ = code;
+    return e;
   }
 
   // Which of the three failures this is.
@@ -30,6 +32,10 @@ class TeskStoreError : public std::exception {
   // The detail of `denied`/`staleWAL`, or the message of `sql`.
   const std::string& detail() const { return detail_; }
   const std::string& message() const { return detail_; }
+  // SQLite's primary result code behind a `sql` error (SQLITE_NOTADB, SQLITE_CORRUPT,
+  // ...), so a caller can tell a file that is no database from a moved schema; 0
+  // when the error did not come from SQLite.
+  int sqliteCode() const { return code_; }
   // The full text shown to the user (see the factory functions).
   const std::string& description() const { return description_; }
   const char* what() const noexcept override { return description_.c_str(); }
@@ -51,6 +57,7 @@ class TeskStoreError : public std::exception {
   }
 
   Kind kind_;
+  int code_ = 0;
   std::string path_;
   std::string detail_;
   std::string description_;

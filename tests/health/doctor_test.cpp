@@ -247,15 +247,16 @@ TEST(TeskDoctor, EmptyHome) {
   EXPECT_EQ(find(rows, "mail"), nullptr);
 }
 
-TEST(TeskDoctor, NanosecondStoreExcludesFutureRowsSecondStoreCountsThem) {
+TEST(TeskDoctor, FutureRowsAreExcludedWhateverTheStoresUnit) {
   tesk_test::TempHome home;
   makeChat(home.path(), {kNow - 7200, kNow - 3600, kNow + 1800, kNow + 7200, kNow + 90000});
-  // Safari keeps seconds in an apple-epoch column: against a nanosecond cutoff every row
-  // counts, the future one included.
+  // Safari keeps seconds in an apple-epoch column, chat.db nanoseconds: the cutoff is
+  // compared in unix seconds, so a future visit is excluded there too.
   tesk_test::makeDB(home.path() + kSafari,
                     "CREATE TABLE history_visits (id INTEGER PRIMARY KEY, visit_time REAL);"
                     "INSERT INTO history_visits (visit_time) VALUES (" +
-                        appleSeconds(kNow - 36000) + "), (" + appleSeconds(kNow - 7200.5) + ");");
+                        appleSeconds(kNow - 36000) + "), (" + appleSeconds(kNow - 7200.5) + "), (" +
+                        appleSeconds(kNow + 86400) + ");");
   tesk_test::makeDB(home.path() + kChrome,
                     "CREATE TABLE visits (id INTEGER PRIMARY KEY, visit_time INTEGER);"
                     "INSERT INTO visits (visit_time) VALUES (" +
@@ -267,8 +268,8 @@ TEST(TeskDoctor, NanosecondStoreExcludesFutureRowsSecondStoreCountsThem) {
   EXPECT_EQ(im->count, 3);  // up to an hour ahead still counts
   EXPECT_EQ(im->future, 2);
   EXPECT_DOUBLE_EQ(im->newest, kNow + 1800);
-  EXPECT_DOUBLE_EQ(im->ageHours, -0.5);
-  EXPECT_EQ(im->verdict, Verdict::stale);  // a negative age is not fresh
+  EXPECT_DOUBLE_EQ(im->ageHours, 0);  // half an hour ahead is a store written now
+  EXPECT_EQ(im->verdict, Verdict::fresh);
   EXPECT_EQ(im->detail,
             "2 row(s) dated in the future, excluded — iMessage — 98.1% of bodies are "
             "typedstream BLOBs");
@@ -278,11 +279,13 @@ TEST(TeskDoctor, NanosecondStoreExcludesFutureRowsSecondStoreCountsThem) {
   const Row* safari = find(rows, "safari");
   ASSERT_NE(safari, nullptr);
   EXPECT_EQ(safari->count, 2);
-  EXPECT_EQ(safari->future, 0);
-  EXPECT_NEAR(safari->newest, kNow - 7200.5, 1.0);  // MAX is read as an integer
-  EXPECT_NEAR(safari->ageHours, 2.0, 1e-3 + 1.0 / 3600);
+  EXPECT_EQ(safari->future, 1);
+  EXPECT_NEAR(safari->newest, kNow - 7200.5, 1e-3);
+  EXPECT_NEAR(safari->ageHours, 2.0, 1e-3);
   EXPECT_EQ(safari->verdict, Verdict::fresh);
-  EXPECT_EQ(safari->detail, "Safari — seconds since 2001, not nanoseconds");
+  EXPECT_EQ(safari->detail,
+            "1 row(s) dated in the future, excluded — Safari — seconds since 2001, not "
+            "nanoseconds");
 
   const Row* chrome = find(rows, "chrome");
   ASSERT_NE(chrome, nullptr);
@@ -290,6 +293,78 @@ TEST(TeskDoctor, NanosecondStoreExcludesFutureRowsSecondStoreCountsThem) {
   EXPECT_EQ(chrome->future, 1);
   EXPECT_NEAR(chrome->ageHours, 30.0, 1e-6);
   EXPECT_EQ(chrome->verdict, Verdict::stale);
+}
+
+// Only a dated row within 1970-2200 and at most an hour ahead can be the newest; an
+// undated row is not in the future, a value that is no instant is neither, and each
+// is counted in the detail. A newest row a little ahead is a store written now.
+TEST(TeskDoctor, OnlyRealInstantsDateAStore) {
+  const std::string note = "iMessage — 98.1% of bodies are typedstream BLOBs";
+  struct Case {
+    std::string name;
+    std::string values;  // SQL values for message.date
+    double newest;
+    double ageHours;
+    int64_t count, future;
+    Verdict verdict;
+    std::string detail;
+  };
+  const std::string hourAgo = appleNanos(kNow - 3600);
+  const Case cases[] = {
+      {"undated rows are not future", "(" + hourAgo + "), (NULL), (NULL)", kNow - 3600, 1.0, 1, 0,
+       Verdict::fresh, "2 row(s) undated, excluded — " + note},
+      {"only undated rows", "(NULL)", 0, kInf, 0, 0, Verdict::absent,
+       "1 row(s) undated, excluded — 0 rows — " + note},
+      {"ten minutes ahead is age 0", "(" + hourAgo + "), (" + appleNanos(kNow + 600) + ")",
+       kNow + 600, 0, 2, 0, Verdict::fresh, note},
+      {"an hour ahead is still now", "(" + appleNanos(kNow + 3600) + ")", kNow + 3600, 0, 1, 0,
+       Verdict::fresh, note},
+      {"INT64_MAX is no instant", "(" + hourAgo + "), (9223372036854775807)", kNow - 3600, 1.0, 1,
+       0, Verdict::fresh, "1 row(s) dated outside 1970-2200 (no instant), excluded — " + note},
+      {"text and pre-1970 are no instants",
+       "(" + hourAgo + "), ('yesterday'), (x'00ff'), (" + appleNanos(-86400) + "), (" +
+           appleNanos(kNow + 86400) + ")",
+       kNow - 3600, 1.0, 1, 1, Verdict::fresh,
+       "3 row(s) dated outside 1970-2200 (no instant), excluded — 1 row(s) dated in the "
+       "future, excluded — " +
+           note},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    tesk_test::TempHome home;
+    tesk_test::makeDB(home.path() + kChat,
+                      "CREATE TABLE message (ROWID INTEGER PRIMARY KEY, date INTEGER);"
+                      "INSERT INTO message (date) VALUES " +
+                          c.values + ";");
+    auto rows = TeskDoctor::run(kNow, home.path());
+    const Row* im = find(rows, "im");
+    ASSERT_NE(im, nullptr);
+    EXPECT_NEAR(im->newest, c.newest, 1e-3);
+    if (std::isinf(c.ageHours)) {
+      EXPECT_TRUE(std::isinf(im->ageHours));
+    } else {
+      EXPECT_NEAR(im->ageHours, c.ageHours, 1e-6);
+    }
+    EXPECT_EQ(im->count, c.count);
+    EXPECT_EQ(im->future, c.future);
+    EXPECT_EQ(im->verdict, c.verdict);
+    EXPECT_EQ(im->detail, c.detail);
+  }
+}
+
+// A mail mirror whose newest message is ten minutes ahead is live, not DEAD.
+TEST(TeskDoctor, MirrorWithAClockALittleAheadIsFresh) {
+  tesk_test::TempHome home;
+  makeMail(home.path(), "V10", {kNow - 86400, kNow + 600});
+  auto rows = TeskDoctor::run(kNow, home.path());
+  const Row* mail = find(rows, "mail");
+  ASSERT_NE(mail, nullptr);
+  EXPECT_EQ(mail->verdict, Verdict::fresh);
+  EXPECT_EQ(mail->ageHours, 0);
+  auto lines = TeskDoctor::render(rows);
+  EXPECT_THAT(lines, ::testing::Contains(StartsWith("mail\tB\tFRESH\t")));
+  EXPECT_THAT(lines,
+              ::testing::Contains(StartsWith("mail\tB\tFRESH\t2026-08-13T10:10:00Z\t0.0\t")));
 }
 
 TEST(TeskDoctor, EmptyStoreIsAbsentWithZeroRows) {
@@ -367,7 +442,17 @@ TEST(TeskDoctor, UnreadableStoresAreDeniedWithTheFirstFailure) {
        "schema moved: sql: no such column: date — iMessage"},
       {"not a database",
        [](const std::string& home) { tesk_test::writeFile(home + kChat, std::string(8192, 'z')); },
-       "schema moved: sql: file is not a database — iMessage"},
+       "not a database: "},
+      {"malformed",
+       [](const std::string& home) {
+         makeChat(home, std::vector<double>(2000, kNow));
+         // Overwrite the table's pages after the first two with noise.
+         std::string bytes = tesk_test::readFile(home + kChat);
+         ASSERT_GT(bytes.size(), 4u * 4096);
+         for (size_t k = 2 * 4096; k < bytes.size(); ++k) bytes[k] = static_cast<char>(k * 7);
+         tesk_test::writeFile(home + kChat, bytes);
+       },
+       "malformed: "},
       {"a folder where the file should be",
        [](const std::string& home) { fs::create_directories(home + kChat); }, "cannot read "},
   };
@@ -380,6 +465,9 @@ TEST(TeskDoctor, UnreadableStoresAreDeniedWithTheFirstFailure) {
     ASSERT_NE(im, nullptr);
     EXPECT_EQ(im->verdict, Verdict::denied);
     EXPECT_THAT(im->detail, StartsWith(c.detailStart));
+    if (c.detailStart.ends_with(": ")) {
+      EXPECT_THAT(im->detail, StartsWith(c.detailStart + home.path() + kChat + " — "));
+    }
     EXPECT_THAT(im->detail,
                 ::testing::EndsWith(" — iMessage — 98.1% of bodies are typedstream BLOBs"));
     EXPECT_EQ(im->openMode, "-");
