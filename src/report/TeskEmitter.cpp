@@ -12,6 +12,7 @@
 #include <random>
 #include <unordered_map>
 
+#include "cli/TeskPrivate.h"
 #include "cli/TeskText.h"
 #include "cli/TeskTime.h"
 #include "report/TeskCursor.h"
@@ -224,11 +225,11 @@ std::vector<std::string> TeskEmitter::aggregate(int64_t total, std::span<const T
 
 std::optional<std::string> TeskEmitter::writeSpill(std::span<const TeskRow> rows) const {
   namespace fs = std::filesystem;
-  std::string dir = tmpDir_.empty() ? std::string("/tmp") : tmpDir_;
-  if (dir.back() != '/') dir += '/';
-  dir += "tesk";
+  // The answer holds the owner's messages: only this user's own directory will do.
+  const std::optional<std::string> privateDir = TeskPrivate::userDirectory(tmpDir_);
+  if (!privateDir) return std::nullopt;
+  const std::string& dir = *privateDir;
   std::error_code ec;
-  fs::create_directories(dir, ec);  // a failure shows up as a failed write below
 
   std::uniform_int_distribution<uint32_t> pick(0, 4294967294u);
   uint32_t number;
@@ -247,7 +248,7 @@ std::optional<std::string> TeskEmitter::writeSpill(std::span<const TeskRow> rows
 
   bool ok = false;
   {
-    std::unique_ptr<std::FILE, FileCloser> file(std::fopen(temp.c_str(), "wb"));
+    std::unique_ptr<std::FILE, FileCloser> file(::fdopen(TeskPrivate::createFile(temp), "wb"));
     if (!file) return std::nullopt;
     // Chunks end at line ends, so no UTF-8 sequence spans two; like every line tesk
     // writes, the file's are valid UTF-8.

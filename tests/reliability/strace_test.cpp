@@ -58,12 +58,13 @@ bool under(const std::string& path, const std::string& dir) {
          path[dir.size()] == '/';
 }
 
-// Inside the temporary directory only spill files (tesk/) and snapshot copies
+// Inside the temporary directory only spill files (tesk-<uid>/) and snapshot copies
 // (tesk-snapshot-*) may be written.
 bool ours(const std::string& path, const std::string& tmp) {
   if (!under(path, tmp)) return false;
   const std::string rest = path.substr(tmp.size() + 1);
-  return rest == "tesk" || rest.rfind("tesk/", 0) == 0 || rest.rfind("tesk-snapshot-", 0) == 0;
+  const std::string spill = "tesk-" + std::to_string(::getuid());
+  return rest == spill || rest.rfind(spill + "/", 0) == 0 || rest.rfind("tesk-snapshot-", 0) == 0;
 }
 
 bool endsWith(const std::string& s, const std::string& tail) {
@@ -286,19 +287,19 @@ TEST(NoWritesNoNetwork, TraceJudgeCatchesEachKindOfWrite) {
       {R"(7 openat(AT_FDCWD</h>, "Library/x.db", O_WRONLY|O_CREAT|O_TRUNC, 0644) = 3</h/x>)", true},
       {R"(7 openat(AT_FDCWD</>, "/h/a.db-shm", O_RDWR|O_CREAT|O_NOFOLLOW, 0644) = 5</h/a>)", false},
       {R"(7 openat(AT_FDCWD</>, "/etc/x", O_WRONLY|O_CREAT, 0644) = 3</etc/x>)", true},
-      {R"(7 openat(AT_FDCWD</>, "/t/tesk/a.tsv.part", O_WRONLY|O_CREAT, 0644) = 3</t/a>)", false},
+      {R"(7 openat(AT_FDCWD</>, "/t/tesk-0/a.tsv.part", O_WRONLY|O_CREAT, 0644) = 3</t/a>)", false},
       {R"(7 openat(AT_FDCWD</>, "/h/nope", O_RDWR|O_CREAT, 0644) = -1 EACCES (Permission denied))",
        false},
       {R"(7 pwrite64(3</h/Library/Messages/chat.db>, "\0", 1, 4095) = 1)", true},
       {R"(7 pwrite64(5</h/Library/Messages/chat.db-shm>, "\0", 1, 4095) = 1)", false},
       {R"(7 ftruncate(4</h/Library/Messages/chat.db-wal>, 0) = 0)", true},
       {R"(7 write(1<pipe:[1234]>, "#tesk", 5) = 5)", false},
-      {R"(7 write(3</t/tesk/a.tsv.part>, "id", 2) = 2)", false},
+      {R"(7 write(3</t/tesk-0/a.tsv.part>, "id", 2) = 2)", false},
       {R"(7 write(3</t/notes.txt>, "id", 2) = 2)", true},
       {R"(7 write(2</var/log/ci.txt>, "==1==HINT", 9) = 9)", false},
       {R"(7 unlink("/h/Library/Messages/chat.db-wal") = 0)", true},
-      {R"(7 rename("/t/tesk/a.part", "/h/a") = 0)", true},
-      {R"(7 rename("/t/tesk/a.part", "/t/tesk/a") = 0)", false},
+      {R"(7 rename("/t/tesk-0/a.part", "/h/a") = 0)", true},
+      {R"(7 rename("/t/tesk-0/a.part", "/t/tesk-0/a") = 0)", false},
       {R"(7 openat(AT_FDCWD</>, "/t/other.txt", O_WRONLY|O_CREAT, 0644) = 3</t/other.txt>)", true},
       {R"(7 mkdir("/t/tesk-snapshot-7-1", 0777) = 0)", false},
       {R"(7 socket(AF_INET, SOCK_STREAM, 0) = 3<socket:[1]>)", true},
@@ -309,8 +310,14 @@ TEST(NoWritesNoNetwork, TraceJudgeCatchesEachKindOfWrite) {
        "resumed>) = 1",
        true},
   };
+  // The fixture lines name uid 0's spill directory; the judge expects this user's.
+  const std::string spill = "/tesk-" + std::to_string(::getuid()) + "/";
   for (const Case& c : cases) {
-    std::ofstream(file) << c.line << "\n";
+    std::string line = c.line;
+    for (size_t at = 0; (at = line.find("/tesk-0/", at)) != std::string::npos; at += spill.size()) {
+      line.replace(at, 8, spill);
+    }
+    std::ofstream(file) << line << "\n";
     Verdict v = judge(file, home, tmp);
     EXPECT_EQ(!v.violations.empty(), c.violation) << c.line;
   }

@@ -125,6 +125,11 @@ TEST(TeskEmitter, EstimateCountsUTF8Bytes) {
   EXPECT_EQ(emitter(TeskFormat::automatic, 0, 51).emit(rows).mode, "agg");
 }
 
+// The per-user spill directory under `tmp`.
+std::string userDir(const TempDir& tmp) {
+  return tmp.path() + "/tesk-" + std::to_string(::getuid());
+}
+
 TEST(TeskEmitter, OverBudgetSpillsEveryRowAndShowsTheAggregate) {
   TempDir tmp;
   ASSERT_FALSE(tmp.path().empty());
@@ -137,7 +142,7 @@ TEST(TeskEmitter, OverBudgetSpillsEveryRowAndShowsTheAggregate) {
   EXPECT_FALSE(out.next);
   EXPECT_EQ(out.lines.front(), "# agg over 30 rows (complete \u2014 this is not a prefix)");
   ASSERT_TRUE(out.spill);
-  EXPECT_TRUE(std::regex_match(*out.spill, std::regex(tmp.path() + "/tesk/[0-9a-f]{8}\\.tsv")))
+  EXPECT_TRUE(std::regex_match(*out.spill, std::regex(userDir(tmp) + "/[0-9a-f]{8}\\.tsv")))
       << *out.spill;
   EXPECT_EQ(out.lines[out.lines.size() - 2], "# full result set: 30 rows \u2192 " + *out.spill);
   EXPECT_EQ(out.lines.back(),
@@ -151,18 +156,46 @@ TEST(TeskEmitter, OverBudgetSpillsEveryRowAndShowsTheAggregate) {
   EXPECT_EQ(content.str(), expect);  // no limit, newest first, one line per row
   // Nothing but the spill is left behind in the directory.
   int files = 0;
-  for ([[maybe_unused]] const auto& e : fs::directory_iterator(tmp.path() + "/tesk")) ++files;
+  for ([[maybe_unused]] const auto& e : fs::directory_iterator(userDir(tmp))) ++files;
   EXPECT_EQ(files, 1);
+  // Only this user can read it, or list the directory that holds it.
+  EXPECT_EQ(fs::status(userDir(tmp)).permissions(), fs::perms::owner_all);
+  EXPECT_EQ(fs::status(*out.spill).permissions(), fs::perms::owner_read | fs::perms::owner_write);
 }
 
-TEST(TeskEmitter, SpillFailureIsNamedInTheAggregate) {
-  TempDir tmp;
-  // A file where the directory should be makes both directory and write fail.
-  std::ofstream(tmp.path() + "/tesk") << "x";
-  auto out = emitter(TeskFormat::automatic, 0, 1, tmp.path()).emit(series(3));
-  EXPECT_EQ(out.mode, "agg");
-  EXPECT_FALSE(out.spill);
-  EXPECT_EQ(out.lines[out.lines.size() - 2], "# full result set: 3 rows \u2192 (spill failed)");
+// The spill directory is this user's own or nothing is written: a file, a symbolic
+// link (to a directory others can read) or a foreign directory in its place is
+// refused, and a directory of ours that others could enter is closed first.
+TEST(TeskEmitter, SpillGoesOnlyToAPrivateDirectory) {
+  enum class Plant { file, symlink, openDirectory };
+  for (Plant plant : {Plant::file, Plant::symlink, Plant::openDirectory}) {
+    SCOPED_TRACE(static_cast<int>(plant));
+    TempDir tmp, elsewhere;
+    const std::string dir = userDir(tmp);
+    switch (plant) {
+      case Plant::file:
+        std::ofstream(dir) << "x";
+        break;
+      case Plant::symlink:
+        fs::permissions(elsewhere.path(), fs::perms::all);
+        fs::create_directory_symlink(elsewhere.path(), dir);
+        break;
+      case Plant::openDirectory:
+        fs::create_directory(dir);
+        fs::permissions(dir, fs::perms::all);
+        break;
+    }
+    auto out = emitter(TeskFormat::automatic, 0, 1, tmp.path()).emit(series(3));
+    EXPECT_EQ(out.mode, "agg");
+    if (plant == Plant::openDirectory) {
+      ASSERT_TRUE(out.spill);
+      EXPECT_EQ(fs::status(dir).permissions(), fs::perms::owner_all);
+      continue;
+    }
+    EXPECT_FALSE(out.spill);
+    EXPECT_EQ(out.lines[out.lines.size() - 2], "# full result set: 3 rows \u2192 (spill failed)");
+    EXPECT_TRUE(fs::is_empty(elsewhere.path()));
+  }
 }
 
 TEST(TeskEmitter, EmptyAnswer) {
