@@ -1,12 +1,15 @@
 #include "store/TeskCleanup.h"
 
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
+#include <set>
 
 namespace {
 
@@ -118,6 +121,57 @@ void removeAll() noexcept {
     if (!slot.live) continue;
     removeSlot(slot);
     slot.live = 0;
+  }
+}
+
+namespace {
+
+// The process id in "tesk-snapshot-<pid>-<n>", or 0 when the name is not of that form.
+pid_t snapshotOwner(const std::string& name) {
+  static constexpr std::string_view prefix = "tesk-snapshot-";
+  if (name.rfind(prefix, 0) != 0) return 0;
+  size_t at = prefix.size();
+  long long pid = 0;
+  size_t digits = 0;
+  while (at < name.size() && name[at] >= '0' && name[at] <= '9' && digits < 10) {
+    pid = pid * 10 + (name[at++] - '0');
+    ++digits;
+  }
+  if (digits == 0 || at >= name.size() || name[at] != '-' || at + 1 == name.size()) return 0;
+  for (size_t k = at + 1; k < name.size(); ++k) {
+    if (name[k] < '0' || name[k] > '9') return 0;
+  }
+  return static_cast<pid_t>(pid);
+}
+
+}  // namespace
+
+int sweepOrphans(const std::string& temporaryDirectory) noexcept {
+  namespace fs = std::filesystem;
+  try {
+    static std::set<std::string> swept;
+    if (!swept.insert(temporaryDirectory).second) return 0;
+    int removed = 0;
+    std::error_code ec;
+    for (fs::directory_iterator it(temporaryDirectory, ec), end; !ec && it != end;
+         it.increment(ec)) {
+      const std::string name = it->path().filename().string();
+      const pid_t pid = snapshotOwner(name);
+      if (pid <= 0 || pid == ::getpid()) continue;
+      struct stat st;
+      if (::lstat(it->path().c_str(), &st) != 0 || !S_ISDIR(st.st_mode) ||
+          st.st_uid != ::getuid()) {
+        continue;
+      }
+      // Still running (or someone else's process by that number): not ours to take.
+      if (::kill(pid, 0) == 0 || errno != ESRCH) continue;
+      std::error_code gone;
+      fs::remove_all(it->path(), gone);
+      if (!gone) ++removed;
+    }
+    return removed;
+  } catch (...) {
+    return 0;
   }
 }
 

@@ -7,6 +7,7 @@
 // sigaction, raise).
 #pragma once
 
+#include <string>
 #include <string_view>
 
 namespace TeskCleanup {
@@ -31,5 +32,11 @@ int remembered() noexcept;
 // What the handler does, callable outside a handler (tests): removes every
 // remembered copy and directory and empties the table.
 void removeAll() noexcept;
+
+// Removes the snapshot directories under `temporaryDirectory` that a run killed
+// beyond any handler's reach (SIGKILL) left behind: only "tesk-snapshot-<pid>-<n>"
+// directories (never a symbolic link) owned by this user whose process is gone.
+// Looked at once per directory per process. Returns how many were removed.
+int sweepOrphans(const std::string& temporaryDirectory) noexcept;
 
 }  // namespace TeskCleanup

@@ -10,8 +10,10 @@
 #include <random>
 #include <system_error>
 
+#include "cli/TeskPrivate.h"
 #include "store/TeskCleanup.h"
 #include "store/TeskFunctions.h"
+#include "store/TeskStoreFiles.h"
 
 namespace fs = std::filesystem;
 
@@ -68,6 +70,27 @@ std::optional<int64_t> fileSize(const std::string& path) {
   struct stat st;
   if (::stat(path.c_str(), &st) != 0) return std::nullopt;
   return static_cast<int64_t>(st.st_size);
+}
+
+// Size and modification time of a file: equal states before and after a copy mean
+// nothing was written in between.
+struct FileState {
+  int64_t size;
+  int64_t seconds;
+  int64_t nanoseconds;
+  bool operator==(const FileState&) const = default;
+};
+
+std::optional<FileState> stateOf(const std::string& path) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) return std::nullopt;
+#ifdef __APPLE__
+  const struct timespec& t = st.st_mtimespec;
+#else
+  const struct timespec& t = st.st_mtim;
+#endif
+  return FileState{static_cast<int64_t>(st.st_size), static_cast<int64_t>(t.tv_sec),
+                   static_cast<int64_t>(t.tv_nsec)};
 }
 
 // Modification time in unix seconds, or nothing when the attributes cannot be read.
@@ -254,6 +277,15 @@ TeskDecode::Census TeskStore::decodeCensus() const {
 
 void TeskStore::open(const Environment& environment) {
   if (!fileExists(path_)) throw TeskStoreError::denied(path_, "no such file");
+  // Every file SQLite or the copy would open must be a regular file: opening a named
+  // pipe waits for a writer for ever, and a directory, socket or device is no store.
+  for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
+    const TeskStoreFiles::Kind kind = TeskStoreFiles::kindOf(path_ + suffix);
+    if (kind == TeskStoreFiles::Kind::missing || kind == TeskStoreFiles::Kind::regular) continue;
+    std::string detail = "not a regular file (" + std::string(TeskStoreFiles::describe(kind)) + ")";
+    if (*suffix != '\0') detail = "its " + std::string(suffix) + " is " + detail;
+    throw TeskStoreError::denied(path_, detail);
+  }
   if (!environment.readable(path_)) throw TeskStoreError::denied(path_, kDenied);
 
   for (const char* suffix : {"", "-wal", "-shm"}) {
@@ -261,12 +293,16 @@ void TeskStore::open(const Environment& environment) {
   }
   // Observed once: every later decision uses this same answer.
   const bool hasWAL = fileExists(path_ + "-wal");
+  // A hot rollback journal means the main file may hold pages of a transaction that
+  // never committed (a writer mid-way, or one that crashed). Only a copy that takes
+  // the journal along, and rolls it back privately, answers from committed data.
+  const bool hasHotJournal = TeskStoreFiles::hotJournal(path_ + "-journal");
 
   // Live attempt. No busy timeout: a locked store fails at once and is copied.
   // An empty main file beside a -wal is skipped: SQLite deletes such a -wal on
   // open, even through a read-only handle, and the owner's files are not ours
   // to change. The copy then meets the same fate and the open is refused.
-  if (!(hasWAL && fileSize(path_) == 0)) {
+  if (!hasHotJournal && !(hasWAL && fileSize(path_) == 0)) {
     sqlite3* raw = nullptr;
     int rc = sqlite3_open_v2(uriForReadOnly(path_).c_str(), &raw,
                              SQLITE_OPEN_READONLY | SQLITE_OPEN_URI | kOneThread,
@@ -287,23 +323,18 @@ void TeskStore::open(const Environment& environment) {
     }
   }
 
-  // Snapshot: a private copy of the file with its -wal and -shm.
+  // Snapshot: a private copy of the file with its -wal, -shm and -journal.
+  TeskCleanup::sweepOrphans(environment.temporaryDirectory);
   fs::path dir =
       fs::path(environment.temporaryDirectory) /
       ("tesk-snapshot-" + std::to_string(::getpid()) + "-" + std::to_string(randomU32()));
   const fs::path copy = dir / lastComponent(path_);
   // Remembered before it exists, so an interrupted copy is removed too.
   TeskCleanup::remember(dir.string(), copy.string());
-  std::error_code ignored;
-  fs::create_directories(dir, ignored);  // a failure shows up as the copy's error
+  // Only this user may enter it; a failure shows up as the copy's error.
+  TeskPrivate::createDirectory(dir.string());
   Directory snapshot(dir.string());
-  for (const char* suffix : {"", "-wal", "-shm"}) {
-    std::string source = path_ + suffix;
-    if (!fileExists(source)) continue;
-    std::error_code ec;
-    fs::copy_file(source, copy.string() + suffix, fs::copy_options::overwrite_existing, ec);
-    if (ec) throw TeskStoreError::denied(path_, "snapshot failed: " + ec.message());
-  }
+  copyInto(copy.string(), hasHotJournal);
 
   sqlite3* raw = nullptr;
   int rc = sqlite3_open_v2(copy.c_str(), &raw, SQLITE_OPEN_READWRITE | kOneThread, nullptr);
@@ -317,6 +348,30 @@ void TeskStore::open(const Environment& environment) {
   mode_ = TeskOpenMode::snapshot;
   snapshot_ = std::move(snapshot);
   db_ = std::move(copied);
+}
+
+void TeskStore::copyInto(const std::string& copy, bool hotJournal) const {
+  // The main file first, its journal after: a page the writer changes meanwhile has
+  // its original in the journal before it reaches the main file, so the later copy
+  // of the journal covers it. A commit in between would tear the pair, so with a
+  // hot journal the copy is taken again until the main file held still throughout.
+  constexpr int kAttempts = 3;
+  for (int attempt = 1;; ++attempt) {
+    const std::optional<FileState> before = stateOf(path_);
+    for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
+      std::string source = path_ + suffix;
+      std::error_code ignored;
+      fs::remove(copy + suffix, ignored);  // a former attempt's
+      if (!fileExists(source)) continue;
+      if (auto error = TeskStoreFiles::copyPrivately(source, copy + suffix)) {
+        throw TeskStoreError::denied(path_, "snapshot failed: " + *error);
+      }
+    }
+    if (!hotJournal || (before && before == stateOf(path_))) return;
+    if (attempt == kAttempts) {
+      throw TeskStoreError::denied(path_, "snapshot failed: the store changed during every copy");
+    }
+  }
 }
 
 void TeskStore::query(const std::string& sql, const std::vector<TeskValue>& binds,

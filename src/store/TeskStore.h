@@ -27,7 +27,7 @@ class TeskFunctions;
 // How the connection was obtained.
 enum class TeskOpenMode {
   liveReadOnly,  // "ro": live file, mode=ro, -wal exists and the handle reports wal
-  snapshot,      // "snapshot": a private copy of db, -wal and -shm
+  snapshot,      // "snapshot": a private copy of db, -wal, -shm and a hot -journal
   plain,         // "plain": live file, mode=ro, no -wal file
 };
 
@@ -128,6 +128,8 @@ class TeskStore {
   };
 
   void open(const Environment& environment);
+  // Copies the store's files beside `copy` (its -wal, -shm, -journal too); throws denied.
+  void copyInto(const std::string& copy, bool hotJournal) const;
 
   std::string path_;
   TeskOpenMode mode_ = TeskOpenMode::plain;

@@ -1,6 +1,9 @@
 // Hostile files in every store kind, and SQL that tries to write: each is answered
 // with a denial or a count and the documented exit code, never a crash, never a
 // leftover snapshot, never a changed store.
+#include <sys/stat.h>
+
+#include <cstring>
 #include <fstream>
 #include <random>
 
@@ -146,6 +149,64 @@ TEST(HostileStores, EveryKindEveryDamageFailsCleanly) {
         }
       }
     }
+  }
+}
+
+// A named pipe where a store or one of its companions should be (what a hostile or
+// broken home can hold) stalls no verb: each answers in time, framed, and names
+// the file; the message store alone fails the run, any other store is a denial.
+TEST(HostileStores, NamedPipeInPlaceOfAStoreNeverBlocks) {
+  struct Case {
+    std::string store;  // under the home
+    std::vector<std::string> args;
+    int exit;
+    std::string line;  // a body line that must be there (a prefix), or "" for the receipt
+  };
+  const std::string chat = "Library/Messages/chat.db";
+  const std::string chrome = "Library/Application Support/Google/Chrome/Default/History";
+  // clang-format off
+  const std::vector<Case> cases = {
+      {chat, {"im", "--since", "10y"}, 5, "tesk: cannot read {}: not a regular file (a named pipe)"},
+      {chat + "-wal", {"im", "--since", "10y"}, 5,
+       "tesk: cannot read {}: its -wal is not a regular file (a named pipe)"},
+      {chat + "-shm", {"sql", "SELECT COUNT(*) FROM message"}, 5,
+       "tesk: cannot read {}: its -shm is not a regular file (a named pipe)"},
+      {chat + "-journal", {"search", "x"}, 5,
+       "tesk: cannot read {}: its -journal is not a regular file (a named pipe)"},
+      {chrome, {"span", "--src", "chrome", "--since", "5y"}, 2, ""},
+      {chat, {"doctor"}, 0, "im\tA\tDENIED\t-\t-\t0\t0\t-\tcannot read {}: not a regular file"},
+      {"Library/Accounts/Accounts4.sqlite", {"link"}, 3, "verdict\tABSENT"},
+  };
+  // clang-format on
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.store + " " + c.args[0]);
+    tesk_test::TempHome home, tmp;
+    copyDemoHome(home.path());
+    const std::string path = home.path() + "/" + c.store;
+    std::error_code ec;
+    fs::remove(path, ec);
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0) << path;
+    std::string store = path;
+    for (const char* suffix : {"-wal", "-shm", "-journal"}) {
+      if (endsWith(store, suffix)) store.resize(store.size() - std::strlen(suffix));
+    }
+
+    Answer a = teskWithin(60, c.args, home.path(), tmp.path());
+    ASSERT_EQ(a.signal, 0) << "blocked or crashed";
+    EXPECT_TRUE(framed(a)) << a.text.substr(0, 400);
+    EXPECT_EQ(a.exit, c.exit) << a.text.substr(0, 800);
+    EXPECT_TRUE(snapshotsIn(tmp.path()).empty());
+    if (c.line.empty()) {
+      if (c.exit != 0) {
+        EXPECT_TRUE(has(a.lines.front(), "cannot read " + store + ": ")) << a.lines.front();
+      }
+      continue;
+    }
+    std::string expected = c.line;
+    if (auto at = expected.find("{}"); at != std::string::npos) expected.replace(at, 2, store);
+    bool found = false;
+    for (const std::string& line : a.lines) found |= line.rfind(expected, 0) == 0;
+    EXPECT_TRUE(found) << expected << "\n" << a.text.substr(0, 1500);
   }
 }
 

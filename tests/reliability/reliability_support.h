@@ -3,6 +3,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -90,6 +91,34 @@ inline Answer finish(Child c) {
     from = end + 1;
   }
   return a;
+}
+
+// Like finish, but kills the child when it has not ended within `seconds` (its
+// answer then has signal SIGKILL), so a run that blocks fails instead of hanging.
+inline Answer finishWithin(Child c, int seconds) {
+  if (c.pid < 0) return finish(c);
+  int fds[2];
+  if (pipe(fds) != 0) return finish(c);
+  pid_t watchdog = fork();
+  if (watchdog == 0) {
+    close(fds[1]);
+    pollfd p{fds[0], POLLIN, 0};
+    // The pipe closes when the test stops waiting; until then, count down.
+    if (poll(&p, 1, seconds * 1000) == 0) kill(c.pid, SIGKILL);
+    _exit(0);
+  }
+  close(fds[0]);
+  Answer a = finish(c);
+  close(fds[1]);
+  waitpid(watchdog, nullptr, 0);
+  return a;
+}
+
+inline Answer teskWithin(int seconds, const std::vector<std::string>& args, const std::string& home,
+                         const std::string& tmpdir) {
+  std::vector<std::string> argv{teskBinary()};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return finishWithin(start(argv, home, tmpdir), seconds);
 }
 
 inline Answer tesk(const std::vector<std::string>& args, const std::string& home,

@@ -252,9 +252,9 @@ TEST_F(StoreOpenTest, OpenErrorsNameTheAskedPath) {
        TeskStoreError::Kind::denied,
        "cannot read " + garbage + ": snapshot failed: ",
        true},
-      // A directory where the store should be: SQLite cannot open it, nor can it be copied.
+      // A directory where the store should be: refused before SQLite or a copy meets it.
       {dir_.path(), env(), TeskStoreError::Kind::denied,
-       "cannot read " + dir_.path() + ": snapshot failed: ", true},
+       "cannot read " + dir_.path() + ": not a regular file (a directory)", false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.path);
