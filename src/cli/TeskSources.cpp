@@ -78,6 +78,7 @@ void readBrowsers(const ReadContext& ctx, const std::vector<std::string>& reques
   for (const auto& [key, span] : r.horizons) acc.horizons[key] = span;
   if (r.horizon) acc.widenHorizon(*r.horizon);
   acc.receipt.excludedNoHost += r.excludedNoHost;
+  for (std::string& note : TeskWeb::notes(r)) acc.notes.push_back(std::move(note));
   mergeSorted(acc, std::move(r.rows));
 }
 

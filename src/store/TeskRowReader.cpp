@@ -37,6 +37,11 @@ std::optional<std::vector<uint8_t>> TeskRowReader::blob(int i) const {
 
 bool TeskRowReader::isNull(int i) const { return sqlite3_column_type(stmt_, i) == SQLITE_NULL; }
 
+bool TeskRowReader::isNumber(int i) const {
+  const int type = sqlite3_column_type(stmt_, i);
+  return type == SQLITE_INTEGER || type == SQLITE_FLOAT;
+}
+
 int TeskRowReader::columnCount() const { return sqlite3_column_count(stmt_); }
 
 std::string TeskRowReader::columnName(int i) const {

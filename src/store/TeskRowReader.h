@@ -34,6 +34,9 @@ class TeskRowReader {
   std::optional<std::span<const uint8_t>> blobView(int i) const;
   // True iff column `i` is SQL NULL.
   bool isNull(int i) const;
+  // True iff column `i` holds an INTEGER or a REAL (a text or blob in a date column
+  // is no instant, whatever integer() would make of it).
+  bool isNumber(int i) const;
   // The number of result columns.
   int columnCount() const;
   // The name of result column `i` (its AS alias when it has one).

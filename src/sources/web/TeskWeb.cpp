@@ -53,17 +53,26 @@ std::string host(std::string_view url) {
   return h;
 }
 
+namespace {
+
+constexpr auto kEpochMicros = static_cast<int64_t>(-TeskTime::webkitEpochOffset) * 1000000;
+// The first raw value of each engine that is no longer an instant (2200).
+constexpr auto kChromiumEnd =
+    static_cast<int64_t>(TeskTime::latestPlausible) * 1000000 + kEpochMicros;
+constexpr double kWebKitEnd = TeskTime::latestPlausible - TeskTime::appleEpochOffset;
+
+}  // namespace
+
 std::optional<double> chromiumInstant(int64_t microsSince1601) {
   // Subtract in integers first: dividing the 1601-based count first would round
   // away the microseconds (a double holds ~16 digits, the count has 17).
-  constexpr auto kEpochMicros = static_cast<int64_t>(-TeskTime::webkitEpochOffset) * 1000000;
-  if (microsSince1601 <= kEpochMicros) return std::nullopt;
+  if (microsSince1601 <= kEpochMicros || microsSince1601 >= kChromiumEnd) return std::nullopt;
   return static_cast<double>(microsSince1601 - kEpochMicros) / 1e6;
 }
 
 std::optional<double> webkitInstant(double secondsSince2001) {
   double t = secondsSince2001 + TeskTime::appleEpochOffset;
-  if (!std::isfinite(t) || !(t > 0)) return std::nullopt;
+  if (!std::isfinite(t) || !(t > 0) || !TeskTime::plausible(t)) return std::nullopt;
   return t;
 }
 
@@ -166,26 +175,48 @@ std::string windowSQL(Source::Engine engine, const TeskIMessage::Filter& f,
   return sql;
 }
 
+// The visits of `engine` joined to their pages, and the test that a visit's time
+// is an instant (two binds: the raw ends); a text or blob compares above every
+// number and NULL passes no comparison, so neither passes it.
+std::string visitsFrom(Source::Engine engine) {
+  return engine == Source::Engine::webkit
+             ? "FROM history_visits v JOIN history_items i ON i.id = v.history_item\n"
+             : "FROM visits v JOIN urls u ON u.id = v.url\n";
+}
+constexpr const char* kHasInstant = "v.visit_time > ? AND v.visit_time < ?";
+
+void bindInstantRange(Source::Engine engine, std::vector<TeskValue>& binds) {
+  if (engine == Source::Engine::webkit) {
+    binds.emplace_back(-TeskTime::appleEpochOffset);
+    binds.emplace_back(kWebKitEnd);
+  } else {
+    binds.emplace_back(kEpochMicros);
+    binds.emplace_back(kChromiumEnd);
+  }
+}
+
+// Visits whose time is no instant; they are never rows and never move a horizon.
+int64_t countNoInstant(TeskStore& store, Source::Engine engine) {
+  std::vector<TeskValue> binds;
+  bindInstantRange(engine, binds);
+  int64_t n = 0;
+  store.query("SELECT COUNT(*) " + visitsFrom(engine) + "WHERE NOT (" + kHasInstant +
+                  ") OR v.visit_time IS NULL",
+              binds, [&](const TeskRowReader& r) { n = r.integer(0); });
+  return n;
+}
+
 // The first and last visit with a usable instant, each read from one end of the
 // visit-time index; with a window the main statement no longer sees every visit.
 std::optional<TeskSpan> storeSpan(TeskStore& store, Source::Engine engine) {
   const bool webkit = engine == Source::Engine::webkit;
-  const std::string from = webkit ? "FROM history_visits v JOIN history_items i ON i.id = "
-                                    "v.history_item\nWHERE v.visit_time > ?"
-                                  : "FROM visits v JOIN urls u ON u.id = v.url\n"
-                                    "WHERE v.visit_time > ?";
+  const std::string from = visitsFrom(engine) + "WHERE " + kHasInstant;
   const std::string sql = "SELECT (SELECT v.visit_time " + from +
                           " ORDER BY v.visit_time LIMIT 1),\n"
                           "       (SELECT v.visit_time " +
                           from + " ORDER BY v.visit_time DESC LIMIT 1)";
   std::vector<TeskValue> binds;
-  for (int i = 0; i < 2; ++i) {
-    if (webkit) {
-      binds.emplace_back(-TeskTime::appleEpochOffset);
-    } else {
-      binds.emplace_back(static_cast<int64_t>(-TeskTime::webkitEpochOffset) * 1000000);
-    }
-  }
+  for (int i = 0; i < 2; ++i) bindInstantRange(engine, binds);
   std::optional<TeskSpan> span;
   store.query(sql, binds, [&](const TeskRowReader& r) {
     if (r.isNull(0) || r.isNull(1)) return;
@@ -223,11 +254,19 @@ void readSource(const Source& source, const Selectors& sel, Result& out,
         widen(overall, span->to);
       }
     }
+    // Without a window the pass below meets every visit and counts them itself.
+    int64_t& noInstant = out.noInstant[source.key];
+    if (windowed) noInstant = countNoInstant(*store, source.engine);
     store->query(sql, binds, [&](const TeskRowReader& r) {
-      std::optional<double> t = source.engine == Source::Engine::chromium
-                                    ? chromiumInstant(r.integer(1))
-                                    : webkitInstant(r.real(1));
-      if (!t) return;
+      std::optional<double> t;
+      if (r.isNumber(1)) {
+        t = source.engine == Source::Engine::chromium ? chromiumInstant(r.integer(1))
+                                                      : webkitInstant(r.real(1));
+      }
+      if (!t) {
+        if (!windowed) ++noInstant;
+        return;
+      }
       if (!windowed) {
         widen(span, *t);
         widen(overall, *t);
@@ -268,6 +307,17 @@ void readSource(const Source& source, const Selectors& sel, Result& out,
 }
 
 }  // namespace
+
+std::vector<std::string> notes(const Result& result) {
+  std::vector<std::string> out;
+  for (const auto& [key, n] : result.noInstant) {
+    if (n == 0) continue;
+    out.push_back(key + ": " + std::to_string(n) +
+                  " visit(s) whose time is no instant (missing, not a number, before 1970 or "
+                  "after 2200) left out of rows and horizon");
+  }
+  return out;
+}
 
 Result read(const TeskIMessage::Filter& filter, const std::optional<std::set<std::string>>& only,
             const std::string& home) {

@@ -33,7 +33,13 @@ struct Result {
   std::map<std::string, int64_t> perSource;  // emitted rows per source key
   std::map<std::string, TeskSpan> horizons;  // per read source that had a valid visit
   int64_t excludedNoHost = 0;                // visits inside the window whose URL yields no host
+  // Per read source, visits whose time is no instant (missing, not a number, at or
+  // before 1970, from 2200 on): never rows, never in a horizon.
+  std::map<std::string, int64_t> noInstant;
 };
+
+// The receipt notes for `result` (the visits left out for want of an instant).
+std::vector<std::string> notes(const Result& result);
 
 // The known histories whose file exists, in the order chrome, arc, safari.
 std::vector<Source> sources(const std::string& home);
@@ -49,11 +55,11 @@ Result read(const TeskIMessage::Filter& filter, const std::optional<std::set<std
 // characters as they stand. Empty only for an empty authority (or empty URL).
 std::string host(std::string_view url);
 
-// Chromium visit_time (microseconds since 1601) to unix seconds; nothing for 0 or
-// for an instant at or before 1970.
+// Chromium visit_time (microseconds since 1601) to unix seconds; nothing for 0, for
+// an instant at or before 1970 or for one from 2200 on (no real visit is dated so).
 std::optional<double> chromiumInstant(int64_t microsSince1601);
 // WebKit visit_time (REAL seconds since 2001) to unix seconds, fraction kept;
-// nothing for an instant at or before 1970 (or a non-finite value).
+// nothing for an instant at or before 1970, from 2200 on, or a non-finite value.
 std::optional<double> webkitInstant(double secondsSince2001);
 
 // The statement each engine is read with, one ordered pass.

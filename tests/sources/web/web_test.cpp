@@ -4,7 +4,9 @@
 #include <sqlite3.h>
 
 #include <cmath>
+#include <cstdint>
 #include <filesystem>
+#include <map>
 
 #include "cli/TeskTime.h"
 #include "common/TeskTestHome.h"
@@ -78,6 +80,9 @@ TEST(WebEpochs, ChromiumMicrosecondsSince1601) {
       {11644473600000001, 0.000001},
       {1000, std::nullopt},  // 1601: before the unix epoch
       {-5, std::nullopt},
+      {18902592000000000 - 1, 7258118399.999999},  // the last instant before 2200
+      {18902592000000000, std::nullopt},
+      {INT64_MAX, std::nullopt},
   };
   for (const auto& c : cases) {
     auto t = TeskWeb::chromiumInstant(c.value);
@@ -98,6 +103,9 @@ TEST(WebEpochs, WebKitSecondsSince2001KeepFraction) {
       {0, 978307200.0},  // 2001 itself is a real instant
       {-978307200.0, std::nullopt},
       {-978307199.5, 0.5},
+      {7258118400.0 - 978307200.0 - 0.5, 7258118399.5},  // the last instant before 2200
+      {7258118400.0 - 978307200.0, std::nullopt},        // 2200 is no visit's time
+      {9.2e18, std::nullopt},
       {NAN, std::nullopt},
       {INFINITY, std::nullopt},
   };
@@ -323,6 +331,62 @@ TEST_F(WebSynthetic, Selectors) {
 // Rows of all sources come out ascending; equal instants keep source order
 // (chrome before arc before safari), and a store whose times are stored as text
 // (so SQLite orders them after every number) still lands in time order.
+// One visit whose time is no instant (a corrupt field, a blob, INT64_MAX, year 2300)
+// is neither a row nor part of a horizon, with or without a window, and is counted
+// in a note: the horizon stays what the real visits make it.
+TEST(WebRead, VisitWithoutAnInstantMovesNoHorizon) {
+  struct Store {
+    const char* key;
+    std::string relative, sample, table, visit;
+  };
+  const Store stores[] = {
+      {"chrome", kChromePath, "chrome/plaso_History-chrome8", "visits",
+       "INSERT INTO visits(id, url, visit_time) VALUES (9000, 1, {})"},
+      {"safari", kSafariPath, "safari/plaso_History.db", "history_visits",
+       "INSERT INTO history_visits(id, history_item, visit_time) VALUES "
+       "(9000, (SELECT MIN(id) FROM history_items), {})"},
+  };
+  const std::map<std::string, std::vector<std::string>> bad = {
+      {"chrome",
+       {"9223372036854775807", "'not a time'", "x'01'",
+        std::to_string(int64_t{21000000000000000})}},                    // 2300 in µs since 1601
+      {"safari", {"9.2e18", "'not a time'", "x'01'", "10000000000.0"}},  // 2317
+  };
+  TeskIMessage::Filter window;
+  window.since = 0;
+  window.until = 4102444800;  // 2100: a window that holds every real visit
+  for (const Store& s : stores) {
+    for (const TeskIMessage::Filter& f : {TeskIMessage::Filter{}, window}) {
+      TempHome clean;
+      install(clean, s.relative, s.sample);
+      const TeskWeb::Result before = TeskWeb::read(f, std::nullopt, clean.path());
+      ASSERT_TRUE(before.horizon.has_value());
+      for (const std::string& value : bad.at(s.key)) {
+        SCOPED_TRACE(std::string(s.key) + " " + value + (f.since ? " windowed" : ""));
+        TempHome home;
+        const std::string path = install(home, s.relative, s.sample);
+        {
+          tesk_test::DB db = tesk_test::openDB(path);
+          std::string sql = s.visit;
+          sql.replace(sql.find("{}"), 2, value);
+          tesk_test::exec(db.get(), sql);
+        }
+        const TeskWeb::Result r = TeskWeb::read(f, std::nullopt, home.path());
+        EXPECT_TRUE(r.denied.empty());
+        EXPECT_EQ(r.rows.size(), before.rows.size());
+        EXPECT_EQ(r.horizon, before.horizon);
+        EXPECT_EQ(r.horizons.at(s.key), before.horizons.at(s.key));
+        EXPECT_EQ(r.noInstant.at(s.key), before.noInstant.at(s.key) + 1);
+        const std::vector<std::string> notes = TeskWeb::notes(r);
+        ASSERT_EQ(notes.size(), 1u);
+        EXPECT_EQ(notes[0], std::string(s.key) + ": " + std::to_string(r.noInstant.at(s.key)) +
+                                " visit(s) whose time is no instant (missing, not a number, "
+                                "before 1970 or after 2200) left out of rows and horizon");
+      }
+    }
+  }
+}
+
 TEST(WebRead, SourcesMergedByTimeStably) {
   TempHome home;
   const std::string sql =
