@@ -57,6 +57,11 @@ void readMessages(const ReadContext& ctx, const std::vector<std::string>&, Accum
     rc.attachmentsSupported = r.attachmentsSupported;
     acc.perSource["im"] = static_cast<int64_t>(r.rows.size());
     setHorizon(acc, "im", r.horizon);
+    if (r.noInstant > 0) {
+      acc.notes.push_back("im: " + std::to_string(r.noInstant) +
+                          " message(s) whose date is no instant (not a number, before 1970 or "
+                          "after 2200) left out of the horizon");
+    }
     // m.date order puts whole-second rows before nanosecond ones; sort on ts.
     mergeSorted(acc, std::move(r.rows));
     if (ctx.verb == "sql") acc.messageStore = std::move(store);

@@ -261,17 +261,39 @@ std::string projection(const Schema& schema) {
   return withoutMissingType(schema, std::move(s));
 }
 
-std::optional<TeskSpan> storeHorizon(TeskStore& store) {
+std::optional<TeskSpan> storeHorizon(TeskStore& store, int64_t& noInstant) {
   std::optional<TeskSpan> out;
+  noInstant = 0;
+  bool measure = false;
   // One aggregate per subquery, so SQLite reads each end of the date index instead of
   // scanning it (a quarter of a 30-day `im` on 145k messages, paid twice per read).
   store.query(
       "SELECT (SELECT MIN(m.date) FROM message m WHERE m.date != 0),\n"
       "       (SELECT MAX(m.date) FROM message m WHERE m.date != 0)",
       [&](const TeskRowReader& r) {
-        double from = appleToUnix(r.integer(0));
-        double to = appleToUnix(r.integer(1));
-        if (from > 0 && to > 0 && from <= to) out = TeskSpan{from, to};
+        if (r.isNull(0) || r.isNull(1)) return;  // no dated message at all
+        const double from = appleToUnix(r.integer(0));
+        const double to = appleToUnix(r.integer(1));
+        if (r.isNumber(0) && r.isNumber(1) && from > 0 && TeskTime::plausible(from) &&
+            TeskTime::plausible(to) && from <= to) {
+          out = TeskSpan{from, to};
+        } else {
+          measure = true;
+        }
+      });
+  if (!measure) return out;
+  // An end of the index is no instant (text, INT64_MAX, before 1970): measure the
+  // horizon over the dates that are instants, and count the others.
+  store.query(
+      "SELECT MIN(CASE WHEN ok THEN t END), MAX(CASE WHEN ok THEN t END), "
+      "SUM(NOT ok) FROM (SELECT t, (n AND t > 0 AND t < " +
+          std::to_string(static_cast<int64_t>(TeskTime::latestPlausible)) +
+          ") AS ok FROM (SELECT typeof(m.date) IN ('integer', 'real') AS n, "
+          "tesk_ts(m.date) AS t FROM message m WHERE m.date != 0))",
+      [&](const TeskRowReader& r) {
+        noInstant = r.integer(2);
+        if (r.isNull(0) || r.isNull(1)) return;
+        out = TeskSpan{r.real(0), r.real(1)};
       });
   return out;
 }
@@ -378,7 +400,7 @@ Result stats(TeskStore& store, const Filter& filter) {
     result.undated = r.integer(4);
   });
   if (schema.hideAttachment) result.hiddenAttachments = store.scalarInt(kHiddenCount).value_or(0);
-  result.horizon = storeHorizon(store);
+  result.horizon = storeHorizon(store, result.noInstant);
   return result;
 }
 
@@ -459,7 +481,7 @@ Result read(TeskStore& store, const Filter& filter, const std::string& home) {
   store.query(sql, binds, [&](const TeskRowReader& r) {
     const int64_t rowID = r.integer(0);
     const double ts = r.real(1);
-    if (ts > 0) {
+    if (ts > 0 && TeskTime::plausible(ts)) {
       lo = std::min(lo, ts);
       hi = std::max(hi, ts);
     }
@@ -528,7 +550,7 @@ Result read(TeskStore& store, const Filter& filter, const std::string& home) {
   std::optional<TeskSpan> horizon;
   if (lo <= hi) horizon = TeskSpan{lo, hi};
   try {
-    if (auto s = storeHorizon(store)) {
+    if (auto s = storeHorizon(store, result.noInstant)) {
       horizon =
           horizon ? TeskSpan{std::min(horizon->from, s->from), std::max(horizon->to, s->to)} : *s;
     }

@@ -53,6 +53,9 @@ struct Result {
   bool unreadSupported = false;
   bool attachmentsSupported = false;
   std::optional<TeskSpan> horizon;
+  // Dated messages whose date is no instant (not a number, before 1970, from 2200
+  // on): never part of the horizon.
+  int64_t noInstant = 0;
 };
 
 // home + "/Library/Messages/chat.db".
@@ -83,8 +86,9 @@ Result read(TeskStore& store, const Filter& filter, const std::string& home);
 // The counts alone (no rows, no decoding); throws TeskStoreError.
 Result stats(TeskStore& store, const Filter& filter);
 
-// The span of dates the whole store holds, asked unbounded; throws on SQL errors.
-std::optional<TeskSpan> storeHorizon(TeskStore& store);
+// The span of dates the whole store holds, asked unbounded, over the dates that are
+// instants; `noInstant` is set to how many are not. Throws on SQL errors.
+std::optional<TeskSpan> storeHorizon(TeskStore& store, int64_t& noInstant);
 
 // Diagnostics of the join trap; -1 when the count cannot be read.
 int64_t rawMessageCount(TeskStore& store);

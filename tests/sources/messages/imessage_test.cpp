@@ -115,6 +115,42 @@ TEST(IMessageRead, DefaultExclusionsAreCountedAndJoinTrapsAvoided) {
   EXPECT_DOUBLE_EQ(r.horizon->to, kNow - 7000);
 }
 
+// A message date that is no instant (INT64_MAX, a corrupt text or blob, before 1970)
+// sits at an end of the date index; it must not move or erase the horizon, in a
+// read or in the counts alone, and it is counted.
+TEST(IMessageRead, DateThatIsNoInstantMovesNoHorizon) {
+  for (std::string date : {std::string("9223372036854775807"), std::string("'yesterday'"),
+                           std::string("x'00ff'"), std::to_string(ns(-400 * 86400.0))}) {
+    SCOPED_TRACE(date);
+    ChatDB fx;
+    {
+      tesk_test::DB db = tesk_test::openDB(fx.path);
+      tesk_test::exec(db.get(),
+                      "INSERT INTO message(ROWID,guid,handle_id,date,is_from_me) VALUES "
+                      "(99,'g99',1," +
+                          date +
+                          ",0); INSERT INTO chat_message_join(chat_id,message_id) VALUES (1,99);");
+    }
+    TeskStore store(fx.path);
+    TeskIMessage::Filter window;
+    window.since = kNow - 100000;
+    window.until = kNow;
+    for (const TeskIMessage::Result& r :
+         {TeskIMessage::read(store, window, fx.home.path()),
+          TeskIMessage::read(store, TeskIMessage::Filter{}, fx.home.path()),
+          TeskIMessage::stats(store, window)}) {
+      ASSERT_TRUE(r.horizon);
+      EXPECT_DOUBLE_EQ(r.horizon->from, kNow - 86400);
+      EXPECT_DOUBLE_EQ(r.horizon->to, kNow - 7000);
+      EXPECT_EQ(r.noInstant, 1);
+    }
+  }
+  // A clean store measures its ends from the index alone and counts nothing.
+  ChatDB clean;
+  TeskStore store(clean.path);
+  EXPECT_EQ(TeskIMessage::stats(store, TeskIMessage::Filter{}).noInstant, 0);
+}
+
 TEST(IMessageRead, RowsCarryDecodedBodiesKindsAndCounterparts) {
   ChatDB fx;
   TeskStore store(fx.path);
