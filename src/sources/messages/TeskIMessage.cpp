@@ -366,7 +366,7 @@ Result stats(TeskStore& store, const Filter& filter) {
   if (schema.chatJoinIndex && (!filter.who || filter.who->empty())) {
     messageSideStats(store, schema, filter, result);
     if (schema.hideAttachment) result.hiddenAttachments = store.scalarInt(kHiddenCount).value_or(0);
-    result.horizon = storeHorizon(store);
+    result.horizon = storeHorizon(store, result.noInstant);
     return result;
   }
 
