@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <set>
 
 #include "cli/TeskText.h"
@@ -83,14 +84,58 @@ std::optional<std::string> Roster::name(std::string_view handle) const {
   return it->second;
 }
 
+const Card* Roster::cardOf(const std::string& canonicalHandle) const {
+  auto it = holder.find(canonicalHandle);
+  return it == holder.end() ? nullptr : &cards[it->second];
+}
+
+namespace {
+
+// Which card each handle belongs to, how many handles two cards claim, and each
+// card's key. A handle counts for the first card that holds it, so a card whose
+// handles all belong to earlier cards is never anyone's person.
+void settleCards(Roster& r) {
+  std::unordered_map<std::string, int> claims;
+  for (size_t i = 0; i < r.cards.size(); ++i) {
+    for (const std::string& h : r.cards[i].handles) {
+      r.holder.try_emplace(h, i);
+      if (++claims[h] == 2) ++r.sharedHandles;
+    }
+  }
+  auto firstOwn = [&r](size_t i) -> const std::string* {
+    for (const std::string& h : r.cards[i].handles) {
+      if (r.holder.at(h) == i) return &h;
+    }
+    return nullptr;
+  };
+  std::unordered_map<std::string, int> owningByName;
+  for (size_t i = 0; i < r.cards.size(); ++i) {
+    if (!r.cards[i].name.empty() && firstOwn(i)) ++owningByName[r.cards[i].name];
+  }
+  for (size_t i = 0; i < r.cards.size(); ++i) {
+    Card& c = r.cards[i];
+    const std::string* own = firstOwn(i);
+    const std::string& first = own ? *own : c.handles.front();
+    if (c.name.empty()) {
+      c.key = first;
+    } else if (owningByName[c.name] > 1) {
+      c.key = c.name + " (" + first + ")";
+    } else {
+      c.key = c.name;
+    }
+  }
+}
+
+}  // namespace
+
 Roster roster(const std::string& home) { return sqliteRoster(home); }
 
 Roster sqliteRoster(const std::string& home) {
   static const std::string handlesSQL =
-      "SELECT r.ZFIRSTNAME, r.ZLASTNAME, r.ZORGANIZATION, r.ZNICKNAME, p.ZFULLNUMBER\n"
+      "SELECT r.ZFIRSTNAME, r.ZLASTNAME, r.ZORGANIZATION, r.ZNICKNAME, p.ZFULLNUMBER, r.Z_PK\n"
       "FROM ZABCDPHONENUMBER p JOIN ZABCDRECORD r ON r.Z_PK = p.ZOWNER\n"
       "UNION ALL\n"
-      "SELECT r.ZFIRSTNAME, r.ZLASTNAME, r.ZORGANIZATION, r.ZNICKNAME, e.ZADDRESS\n"
+      "SELECT r.ZFIRSTNAME, r.ZLASTNAME, r.ZORGANIZATION, r.ZNICKNAME, e.ZADDRESS, r.Z_PK\n"
       "FROM ZABCDEMAILADDRESS e JOIN ZABCDRECORD r ON r.Z_PK = e.ZOWNER";
   Roster out;
   out.source = "addressbook-sqlite";
@@ -108,24 +153,32 @@ Roster sqliteRoster(const std::string& home) {
     }
     out.books.push_back(path);
     out.records += store->scalarInt("SELECT COUNT(*) FROM ZABCDRECORD").value_or(0);
+    std::map<int64_t, Card> byRecord;  // this book's cards in record order
     try {
-      store->query(handlesSQL, [&out](const TeskRowReader& r) {
+      store->query(handlesSQL, [&out, &byRecord](const TeskRowReader& r) {
         std::optional<std::string_view> handle = r.textView(4);
         std::string key = handle ? TeskIdentity::canonical(*handle) : std::string();
         if (key.empty()) return;
         ++out.handles;
         std::optional<std::string> name =
             display(r.textView(0), r.textView(1), r.textView(2), r.textView(3));
+        Card& card = byRecord[r.integer(5)];
+        if (std::find(card.handles.begin(), card.handles.end(), key) == card.handles.end()) {
+          card.handles.push_back(key);
+        }
         if (!name) {
           ++out.unnamed;
           return;
         }
+        card.name = *name;
         out.byHandle.try_emplace(std::move(key), std::move(*name));
       });
     } catch (const TeskStoreError&) {
       // A book whose handle tables moved keeps the counts it reached.
     }
+    for (auto& [record, card] : byRecord) out.cards.push_back(std::move(card));
   }
+  settleCards(out);
   return out;
 }
 

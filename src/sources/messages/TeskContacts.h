@@ -14,10 +14,24 @@
 
 namespace TeskContacts {
 
+// One address-book record with at least one handle: the person behind those handles.
+struct Card {
+  std::string name;                  // display name; empty when the record has none
+  std::vector<std::string> handles;  // canonical, phones before e-mails, no duplicates
+  // How rows name this person: the display name; a card without one is keyed by its
+  // first handle, and cards that share a name add their first handle in parentheses.
+  std::string key;
+};
+
 struct Roster {
   // Canonical handle -> display name; the first named record met wins (books in
   // order, rows in statement order).
   std::unordered_map<std::string, std::string> byHandle;
+  // Every card with a handle, in roster order: books in order, records by key.
+  std::vector<Card> cards;
+  // Canonical handle -> index into cards of the first card that holds it.
+  std::unordered_map<std::string, size_t> holder;
+  int64_t sharedHandles = 0;       // handles held by more than one card (each counted once)
   std::vector<std::string> books;  // paths of the books that were read
   int64_t records = 0;             // records over the read books
   int64_t handles = 0;             // phone and e-mail rows with a non-empty canonical form
@@ -28,6 +42,8 @@ struct Roster {
 
   // The display name of `handle` after canonicalisation, if any record names it.
   std::optional<std::string> name(std::string_view handle) const;
+  // The card a canonical handle belongs to (the first that holds it), if any.
+  const Card* cardOf(const std::string& canonicalHandle) const;
 };
 
 // The owner's own card.

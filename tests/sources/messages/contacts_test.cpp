@@ -152,6 +152,22 @@ TEST_F(ContactsRoster, NamesCountsAndDenials) {
   EXPECT_EQ(r.name("+2079460018"), std::nullopt);  // unnamed record
   EXPECT_EQ(r.name("ghost@example.com"), std::nullopt);
   EXPECT_EQ(TeskContacts::roster(home_.path()).byHandle, r.byHandle);
+
+  // Cards: books in order, records by key; the number Alice and Bob share is Alice's.
+  std::vector<std::pair<std::string, std::vector<std::string>>> cards;
+  for (const auto& c : r.cards) cards.emplace_back(c.key, c.handles);
+  EXPECT_EQ(cards, (decltype(cards){
+                       {"Top", {"top@example.com"}},
+                       {"Alice Archer", {"+4155550123"}},
+                       {"Bob", {"+4155550123", "bob@example.com"}},
+                       {"Acme Plumbing", {"+8001234567"}},
+                       {"+2079460018", {"+2079460018", "ghost@example.com"}},  // no name
+                   }));
+  EXPECT_EQ(r.sharedHandles, 1);
+  ASSERT_NE(r.cardOf("+4155550123"), nullptr);
+  EXPECT_EQ(r.cardOf("+4155550123")->key, "Alice Archer");
+  EXPECT_EQ(r.cardOf("bob@example.com")->key, "Bob");
+  EXPECT_EQ(r.cardOf("nobody@example.com"), nullptr);
 }
 
 TEST(ContactsRosterEdge, MissingDirectoryAndBrokenBooks) {
