@@ -19,6 +19,8 @@
 #include "report/TeskEmitter.h"
 #include "report/TeskGotchas.h"
 #include "report/TeskReceipt.h"
+#include "sources/messages/TeskContacts.h"
+#include "sources/messages/TeskPeople.h"
 
 namespace TeskCLI {
 namespace {
@@ -293,6 +295,28 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
     return usageError;
   }
 
+  // The address books, read at most once per run and only when a person is asked
+  // about; a book that cannot be read is a denial, so "has no card" is never guessed.
+  std::optional<TeskContacts::Roster> roster;
+  auto contacts = [&]() -> const TeskContacts::Roster& {
+    if (!roster) {
+      roster = TeskContacts::roster(env.home);
+      for (const std::string& d : roster->denied) acc.denied.push_back("contacts: " + d);
+    }
+    return *roster;
+  };
+  // A --who value may be a contact's name: resolved here, once, into the handles of
+  // the cards it names, which every producer tests beside its handle match.
+  if (filter.who && !filter.who->empty()) {
+    TeskPeople::Resolution named = TeskPeople::resolve(contacts(), *filter.who);
+    filter.whoHandles = std::move(named.handles);
+    filter.whoGroups = verb == "thread" && !filter.whoHandles.empty();
+    named.handles = filter.whoHandles;
+    for (std::string& n : TeskPeople::notes(named, "--who", *filter.who)) {
+      acc.notes.push_back(std::move(n));
+    }
+  }
+
   ReadContext ctx{verb, opts, filter, env, now, keys};
   for (const SourceReader& reader : sourceReaders()) {
     std::vector<std::string> requested;
@@ -324,6 +348,11 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
     return notes;
   };
 
+  // The answers that name people read the address books before the denials are copied.
+  const bool namesPeople = verb == "who" || (opts.by && *opts.by == TeskBucket::Kind::who);
+  const TeskContacts::Roster noBooks;
+  const TeskContacts::Roster& names = namesPeople ? contacts() : noBooks;
+
   TeskReceipt& r = acc.receipt;
   r.rowsTotal = static_cast<int64_t>(acc.rows.size());
   r.denied = acc.denied;
@@ -341,16 +370,17 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
 
   std::vector<std::string> body;
   if (opts.by) {
-    BucketAnswer b = bucketAnswer(acc.rows, *opts.by, env);
+    BucketAnswer b = bucketAnswer(acc.rows, *opts.by, names, env);
     body = std::move(b.lines);
     r.rowsTotal = r.rowsOut = b.buckets;
     r.mode = "rows";
     acc.notes.push_back(b.note);
   } else if (verb == "who") {
-    WhoAnswer w = whoAnswer(acc.rows, opts.text, env);
+    WhoAnswer w = whoAnswer(acc.rows, opts.text, names, env);
     body = std::move(w.lines);
     r.rowsTotal = r.rowsOut = w.people;
     r.mode = "rows";
+    acc.notes.insert(acc.notes.end(), w.resolved.begin(), w.resolved.end());
     acc.notes.push_back(w.note);
   } else if (verb == "sql") {
     if (!acc.messageStore) {

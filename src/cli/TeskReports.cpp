@@ -5,6 +5,7 @@
 #include "cli/TeskTime.h"
 #include "cli/TeskWho.h"
 #include "sources/messages/TeskContacts.h"
+#include "sources/messages/TeskPeople.h"
 #include "store/TeskSQL.h"
 #include "store/TeskStore.h"
 
@@ -21,12 +22,11 @@ std::vector<std::string> viewsBody() {
 }
 
 BucketAnswer bucketAnswer(const std::vector<TeskRow>& rows, TeskBucket::Kind kind,
-                          const Environment& env) {
+                          const TeskContacts::Roster& roster, const Environment& env) {
   BucketAnswer a;
   std::vector<TeskBucket::Row> buckets = TeskBucket::apply(rows, kind, env.zone);
   a.buckets = static_cast<int64_t>(buckets.size());
   if (kind == TeskBucket::Kind::who) {
-    TeskContacts::Roster roster = TeskContacts::sqliteRoster(env.home);
     int64_t resolved = 0;
     for (const TeskBucket::Row& b : buckets) resolved += roster.byHandle.count(b.key) ? 1 : 0;
     a.note = "who: " + std::to_string(resolved) + " of " + std::to_string(a.buckets) +
@@ -43,13 +43,17 @@ BucketAnswer bucketAnswer(const std::vector<TeskRow>& rows, TeskBucket::Kind kin
 }
 
 WhoAnswer whoAnswer(const std::vector<TeskRow>& rows, const std::optional<std::string>& query,
-                    const Environment& env) {
+                    const TeskContacts::Roster& roster, const Environment& env) {
   WhoAnswer a;
-  TeskContacts::Roster roster = TeskContacts::sqliteRoster(env.home);
   const bool self = isSelfQuery(query);
   std::optional<TeskContacts::MeCard> me;
   if (self) me = TeskContacts::selfCard(env.home);
-  std::vector<WhoRow> census = whoTable(rows, query, roster, me);
+  TeskPeople::Resolution person;
+  if (!self && query && !query->empty()) {
+    person = TeskPeople::resolve(roster, *query);
+    a.resolved = TeskPeople::notes(person, "who", *query);
+  }
+  std::vector<WhoRow> census = whoTable(rows, query, roster, me, person.handles);
   a.people = static_cast<int64_t>(census.size());
   a.lines.push_back(whoHeader);
   int64_t named = 0;
@@ -64,7 +68,13 @@ WhoAnswer whoAnswer(const std::vector<TeskRow>& rows, const std::optional<std::s
   } else {
     a.note = "who: of the " + std::to_string(a.people) + " people in these rows, " +
              std::to_string(named) + " have a contact card";
-    if (named < a.people) a.note += " · " + std::to_string(a.people - named) + " have none";
+    if (named < a.people) {
+      a.note += " · " + std::to_string(a.people - named) + " have none";
+      if (!roster.denied.empty()) {
+        a.note += " in the " + std::to_string(roster.books.size()) +
+                  " readable address books (see denied)";
+      }
+    }
     a.note +=
         " · this is not the size of the address books · counts every thread; `--no-groups` asks "
         "the one-to-one question instead";

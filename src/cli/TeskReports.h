@@ -11,6 +11,7 @@
 #include "cli/TeskCLI.h"
 #include "report/TeskBucket.h"
 #include "report/TeskRow.h"
+#include "sources/messages/TeskContacts.h"
 #include "sources/messages/TeskDecode.h"
 #include "sources/messages/TeskFilter.h"
 
@@ -41,16 +42,19 @@ struct BucketAnswer {
   int64_t buckets = 0;
   std::string note;
 };
+// `roster` names people for the who kind; the time kinds never look at it.
 BucketAnswer bucketAnswer(const std::vector<TeskRow>& rows, TeskBucket::Kind kind,
-                          const Environment& env);
+                          const TeskContacts::Roster& roster, const Environment& env);
 
 struct WhoAnswer {
   std::vector<std::string> lines;  // header then census lines
   int64_t people = 0;
+  std::vector<std::string> resolved;  // what a name query named, before the census note
   std::string note;
 };
+// The census; a query that is a contact's name also keeps the rows of that card's handles.
 WhoAnswer whoAnswer(const std::vector<TeskRow>& rows, const std::optional<std::string>& query,
-                    const Environment& env);
+                    const TeskContacts::Roster& roster, const Environment& env);
 
 struct SqlAnswer {
   std::vector<std::string> lines;

@@ -39,7 +39,8 @@ std::string joinHandles(const std::set<std::string>& handles) {
 std::vector<WhoRow> whoTable(const std::vector<TeskRow>& rows,
                              const std::optional<std::string>& query,
                              const TeskContacts::Roster& roster,
-                             const std::optional<TeskContacts::MeCard>& me) {
+                             const std::optional<TeskContacts::MeCard>& me,
+                             const std::vector<std::string>& named) {
   std::vector<WhoRow> out;
   if (isSelfQuery(query)) {
     if (me) {
@@ -57,7 +58,8 @@ std::vector<WhoRow> whoTable(const std::vector<TeskRow>& rows,
   for (const TeskRow& row : rows) {
     if (row.teskID.empty()) continue;
     if (filtering && !TeskIdentity::matches(*query, row.who) &&
-        TeskText::lower(row.teskID).find(queryLower) == std::string::npos) {
+        TeskText::lower(row.teskID).find(queryLower) == std::string::npos &&
+        !std::binary_search(named.begin(), named.end(), row.teskID)) {
       continue;
     }
     Person& p = people[row.teskID];

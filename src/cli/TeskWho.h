@@ -18,10 +18,13 @@ struct WhoRow {
 // "tesk_id\thandles\tmessages\tin\tout\tfirst\tlast\tname"
 extern const char* const whoHeader;
 
-// The census of `rows` for `query` (absent: everyone; "me": the Me card alone).
+// The census of `rows` for `query` (absent: everyone; "me": the Me card alone). A row
+// is kept when its handle matches the query, its id contains it, or its id is one of
+// `named` (sorted canonical handles of the cards the query names as a person).
 std::vector<WhoRow> whoTable(const std::vector<TeskRow>& rows,
                              const std::optional<std::string>& query,
                              const TeskContacts::Roster& roster,
-                             const std::optional<TeskContacts::MeCard>& me);
+                             const std::optional<TeskContacts::MeCard>& me,
+                             const std::vector<std::string>& named = {});
 
 }  // namespace TeskCLI

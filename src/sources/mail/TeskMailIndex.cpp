@@ -72,6 +72,7 @@ struct Candidate {
 struct Recipients {
   int64_t first = 0;
   int64_t count = 0;
+  bool person = false;  // one of them is a handle of the person `thread` asks about
 };
 
 void widen(std::optional<TeskSpan>& span, double from, double to) {
@@ -276,6 +277,13 @@ Result read(const TeskIMessage::Filter& filter, double now, int64_t bodyBudget,
       });
     } catch (const TeskStoreError&) {
     }
+    // The addresses that are the person's, when `thread` asks for their group mail too.
+    std::unordered_set<int64_t> personAddresses;
+    if (filter.whoGroups) {
+      for (const auto& [id, address] : addresses) {
+        if (filter.namesHandle(TeskIdentity::canonical(address))) personAddresses.insert(id);
+      }
+    }
     const bool windowed = filter.since || filter.until;
     const std::vector<TeskValue> noBinds;
     try {
@@ -284,6 +292,7 @@ Result read(const TeskIMessage::Filter& filter, double now, int64_t bodyBudget,
                     auto [it, inserted] = recipients.try_emplace(r.integer(0));
                     if (inserted) it->second.first = r.integer(1);
                     ++it->second.count;
+                    if (personAddresses.count(r.integer(1))) it->second.person = true;
                   });
     } catch (const TeskStoreError&) {
     }
@@ -361,9 +370,10 @@ Result read(const TeskIMessage::Filter& filter, double now, int64_t bodyBudget,
           ++result.excludedGroup;
           return;
         }
-        if (byWho && !TeskIdentity::matches(whoQuery, who) &&
-            TeskIdentity::canonical(who) != whoCanonical) {
-          return;
+        if (byWho && !TeskIdentity::matches(whoQuery, who)) {
+          const std::string canonical = TeskIdentity::canonical(who);
+          const bool inGroup = recipientCount >= 2 && recIt->second.person;
+          if (canonical != whoCanonical && !filter.namesHandle(canonical) && !inGroup) return;
         }
 
         Candidate c;

@@ -179,6 +179,7 @@ Schema probe(TeskStore& store) {
   s.chatJoinIndex = leadsWithMessageID(store, "chat_message_join");
   s.attachmentJoinIndex = s.attachments && leadsWithMessageID(store, "message_attachment_join");
   s.hideAttachment = s.attachments && store.columnExists("hide_attachment", "attachment");
+  s.chatHandleJoin = store.tableExists("chat_handle_join");
   return s;
 }
 
@@ -212,7 +213,25 @@ std::pair<std::string, std::vector<TeskValue>> predicates(const Schema& schema,
                     hole(int64_t{*filter.direction == TeskRow::Direction::outgoing ? 1 : 0}));
   }
   if (filter.who && !filter.who->empty()) {
-    conds.push_back("tesk_match(" + hole(*filter.who) + "," + " " + kWho + ") = 1");
+    std::string c = "tesk_match(" + hole(*filter.who) + "," + " " + kWho + ") = 1";
+    if (!filter.whoHandles.empty()) {
+      // The name's handles, bound once per statement; the group threads they belong
+      // to come from one uncorrelated subquery, not a lookup per row.
+      auto list = [&] {
+        std::string l;
+        for (const std::string& h : filter.whoHandles) l += (l.empty() ? "" : ", ") + hole(h);
+        return l;
+      };
+      c = "(" + c + "\n   OR tesk_canonical(" + kWho + ") IN (" + list() + ")";
+      if (filter.whoGroups && schema.chatHandleJoin) {
+        c += "\n   OR (COALESCE(c.style, 0) = 43 AND c.ROWID IN (SELECT chj.chat_id FROM "
+             "chat_handle_join chj\n       JOIN handle hh ON hh.ROWID = chj.handle_id WHERE "
+             "tesk_canonical(hh.id) IN (" +
+             list() + ")))";
+      }
+      c += ")";
+    }
+    conds.push_back(std::move(c));
   }
   std::string sql;
   for (const std::string& c : conds) {

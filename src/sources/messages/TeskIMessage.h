@@ -37,6 +37,7 @@ struct Schema {
   bool hideAttachment = false;       // attachments and attachment.hide_attachment
   bool chatJoinIndex = false;        // an index on chat_message_join leads with message_id
   bool attachmentJoinIndex = false;  // one on message_attachment_join does
+  bool chatHandleJoin = false;       // chat_handle_join (who belongs to which chat) exists
 
   bool unreadSupported() const { return itemType && isRead && isFinished && isSystemMessage; }
 };

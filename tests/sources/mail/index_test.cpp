@@ -231,6 +231,29 @@ TEST_F(MailHome, SelectorsDirectionWhoAndAccentedQuery) {
   }
 }
 
+// A name's card handles find the mail of every one of them; with `whoGroups` (thread)
+// so does mail where the person is any recipient, not the first.
+TEST_F(MailHome, ACardsEmailFindsItsMailAndItsGroupMail) {
+  gmail();
+  filter_.includeGroups = true;
+  filter_.who = "Bob Builder";  // a name: matches no address by itself
+  filter_.whoHandles = {"+4155550123", "bob@example.com"};
+  db_.reset();
+  auto ids = [this] {
+    std::vector<std::string> out;
+    for (const auto& row : TeskMail::read(filter_, kNow, 8000, home_.string()).rows) {
+      out.push_back(row.id);
+    }
+    return out;
+  };
+  EXPECT_TRUE(ids().empty());  // bob is only ever the second recipient here
+  filter_.whoHandles = {"alice@example.com"};
+  EXPECT_EQ(ids(), (std::vector<std::string>{"mail:100", "mail:101", "mail:102"}));
+  filter_.whoHandles = {"+4155550123", "bob@example.com"};
+  filter_.whoGroups = true;
+  EXPECT_EQ(ids(), std::vector<std::string>{"mail:102"});  // the group mail bob was copied on
+}
+
 TEST_F(MailHome, GrepSeesTheBody) {
   gmail();
   body("[Gmail]/All Mail", 100, emlxFile("meet at the Blue Door"));

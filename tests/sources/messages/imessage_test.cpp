@@ -229,6 +229,46 @@ INSTANTIATE_TEST_SUITE_P(
             1}),
     [](const auto& info) { return std::string(info.param.name); });
 
+// A name resolved to a card's handles: every handle of the card, and with `whoGroups`
+// the group threads the card belongs to, the owner's own messages there included.
+TEST(IMessageRead, ANameFindsEveryHandleOfItsCardAndItsGroupThreads) {
+  ChatDB fx;
+  {
+    auto db = tesk_test::openDB(fx.path);
+    tesk_test::exec(db.get(),
+                    "INSERT INTO chat_handle_join(chat_id,handle_id) VALUES (2,2),(2,3);"
+                    "INSERT INTO message(ROWID,guid,text,handle_id,date,is_from_me,"
+                    "associated_message_type) VALUES (15,'g15','see you all',0," +
+                        std::to_string(ns(kNow - 5000)) +
+                        ",1,0);"
+                        "INSERT INTO chat_message_join(chat_id,message_id) VALUES (2,15);");
+  }
+  TeskStore store(fx.path);
+  TeskIMessage::Filter f;
+  f.who = "Bob Archer";  // matches no handle by itself
+  f.whoHandles = {"+4155550123", "bob@example.com"};
+  const std::vector<std::string> card{"im:8", "im:9",  "im:1",  "im:2",  "im:6",
+                                      "im:7", "im:10", "im:11", "im:13", "im:14"};
+  EXPECT_EQ(ids(TeskIMessage::read(store, f, fx.home.path())), card);
+
+  f.whoGroups = true;
+  TeskIMessage::Result r = TeskIMessage::read(store, f, fx.home.path());
+  std::vector<std::string> withGroups = card;
+  withGroups.insert(withGroups.begin() + 4, "im:4");
+  withGroups.push_back("im:15");
+  EXPECT_EQ(ids(r), withGroups);
+  ASSERT_NE(row(r, "im:15"), nullptr);
+  EXPECT_TRUE(row(r, "im:15")->group);
+  EXPECT_EQ(row(r, "im:15")->who, "");  // the owner's own message in the group
+  EXPECT_TRUE(row(r, "im:4")->group);
+
+  f.includeGroups = false;
+  r = TeskIMessage::read(store, f, fx.home.path());
+  EXPECT_EQ(ids(r), card);
+  EXPECT_EQ(r.excludedGroup, 2);
+  EXPECT_EQ(TeskIMessage::stats(store, f).excludedGroup, 2);
+}
+
 TEST(IMessageRead, ChatLookupThroughTheMessageIndexGivesTheSameRows) {
   ChatDB fx;
   {
