@@ -349,7 +349,9 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
   };
 
   // The answers that name people read the address books before the denials are copied.
-  const bool namesPeople = verb == "who" || (opts.by && *opts.by == TeskBucket::Kind::who);
+  const bool namesPeople =
+      verb == "who" ||
+      (opts.by && (*opts.by == TeskBucket::Kind::who || *opts.by == TeskBucket::Kind::person));
   const TeskContacts::Roster noBooks;
   const TeskContacts::Roster& names = namesPeople ? contacts() : noBooks;
 

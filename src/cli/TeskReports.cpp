@@ -1,10 +1,13 @@
 #include "cli/TeskReports.h"
 
+#include <set>
+
 #include "cli/TeskOptions.h"
 #include "cli/TeskText.h"
 #include "cli/TeskTime.h"
 #include "cli/TeskWho.h"
 #include "sources/messages/TeskContacts.h"
+#include "sources/messages/TeskIdentity.h"
 #include "sources/messages/TeskPeople.h"
 #include "store/TeskSQL.h"
 #include "store/TeskStore.h"
@@ -24,9 +27,29 @@ std::vector<std::string> viewsBody() {
 BucketAnswer bucketAnswer(const std::vector<TeskRow>& rows, TeskBucket::Kind kind,
                           const TeskContacts::Roster& roster, const Environment& env) {
   BucketAnswer a;
-  std::vector<TeskBucket::Row> buckets = TeskBucket::apply(rows, kind, env.zone);
+  // A person is the card that holds the handle, else the handle alone.
+  const TeskBucket::PersonLookup people = [&roster](const std::string& handle) {
+    const TeskContacts::Card* card = roster.cardOf(handle);
+    return card ? TeskBucket::Person{card->key, card->name} : TeskBucket::Person{handle, {}};
+  };
+  std::vector<TeskBucket::Row> buckets = TeskBucket::apply(rows, kind, env.zone, people);
   a.buckets = static_cast<int64_t>(buckets.size());
-  if (kind == TeskBucket::Kind::who) {
+  if (kind == TeskBucket::Kind::person) {
+    int64_t carded = 0;
+    std::set<std::string> handles;
+    for (const TeskBucket::Row& b : buckets) {
+      handles.insert(b.handles.begin(), b.handles.end());
+      const bool card = !b.handles.empty() &&
+                        roster.cardOf(TeskIdentity::canonical(*b.handles.begin())) != nullptr;
+      carded += card ? 1 : 0;
+    }
+    a.note = "person: " + std::to_string(a.buckets) + " people from " +
+             std::to_string(handles.size()) + " handles in these rows, " + std::to_string(carded) +
+             " with a contact card";
+    if (roster.sharedHandles > 0) a.note += " · " + TeskPeople::sharedNote(roster.sharedHandles);
+    a.note += " · this is not the size of the address books";
+    a.lines = TeskBucket::render(buckets, TeskBucket::NameLookup(), kind);
+  } else if (kind == TeskBucket::Kind::who) {
     int64_t resolved = 0;
     for (const TeskBucket::Row& b : buckets) resolved += roster.byHandle.count(b.key) ? 1 : 0;
     a.note = "who: " + std::to_string(resolved) + " of " + std::to_string(a.buckets) +

@@ -7,10 +7,13 @@ const std::string_view usage =
     R"TESKUSAGE(tesk — read this Mac's tesk. Read-only by construction: no writes, no network.
 
   tesk search <text>     full text over decoded bodies
-  tesk thread --who X    everything with one person
+  tesk thread --who X    everything with one person: a contact's name brings
+                         every handle on their card and the group threads
+                         they are in
   tesk span              a window, newest last
   tesk im [text]         iMessage; alias for span/search over --src im
-  tesk who <text>        handle → canonical person, and every handle they use
+  tesk who <text>        handle or name → canonical person, and every handle
+                         they use
   tesk who me            proven self handles: macOS Me card + account email
   tesk sql "<SELECT>"    SQL over the DECODED view (see `tesk views`)
   tesk views             the schema `tesk sql` sees
@@ -32,7 +35,8 @@ selectors — identical on every verb
                          Rows from every source merge and sort on `ts` — a path
                          exists in one store, a timestamp exists in all of them.
                          Anything with no producer yet is REPORTED, never faked.
-  --who X                phone, email, or fragment; handles are merged
+  --who X                phone, email, fragment, or a contact's name ("Jordan
+                         Lee", "jordan"): a name finds every handle on the card
   --since 30d --until D  30d 12m 5y 48h 90min, or 2026-01-01.
                          `im`, `span` and `mail` default to 30d (the 30 days
                          that end at --until when only --until is given); every
@@ -41,9 +45,11 @@ selectors — identical on every verb
                          about last year.
   --dir in|out           direction
   --grep RE              regex over the decoded body
-  --by day|week|month|year|who
+  --by day|week|month|year|who|person
                          one row per bucket instead of per message. Time buckets
                          are LOCAL — the day the person was standing in, not UTC.
+                         person: one line per contact card (or lone handle),
+                         every handle seen joined with "|".
   --limit N              default 50; 0 means no limit
   --cursor T,ID          where a capped answer stopped. Append the receipt's
                          `next` (`--since` pinned to its exact instant, then

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <unordered_map>
 
 #include <unicode/gregocal.h>
 
@@ -24,6 +25,7 @@ const char* patternFor(Kind kind) {
     case Kind::year:
       return "yyyy";
     case Kind::who:
+    case Kind::person:
       break;
   }
   return "";
@@ -104,6 +106,8 @@ std::string_view rawValue(Kind kind) {
       return "year";
     case Kind::who:
       return "who";
+    case Kind::person:
+      return "person";
   }
   return "day";
 }
@@ -141,20 +145,35 @@ std::string label(Kind kind, std::string_view person, double ts, const std::stri
   return Labeler(kind, zone)(ts);
 }
 
-std::vector<Row> apply(std::span<const TeskRow> rows, Kind kind, const std::string& zone) {
+std::vector<Row> apply(std::span<const TeskRow> rows, Kind kind, const std::string& zone,
+                       const PersonLookup& people) {
   std::optional<Labeler> labeler;
-  if (kind != Kind::who) labeler.emplace(kind, zone);
+  if (kind != Kind::who && kind != Kind::person) labeler.emplace(kind, zone);
   std::map<std::string, Row> buckets;
+  std::unordered_map<std::string, Person> personOf;  // each handle is looked up once
   for (const auto& row : rows) {
     std::string key;
+    const Person* person = nullptr;
     if (labeler) {
       key = (*labeler)(row.ts);
     } else {
       key = row.teskID.empty() ? row.who : row.teskID;
+      if (kind == Kind::person) {
+        auto found = personOf.find(key);
+        if (found == personOf.end()) {
+          found = personOf.emplace(key, people ? people(key) : Person{key, {}}).first;
+        }
+        person = &found->second;
+        key = person->key;
+      }
     }
     auto [it, fresh] = buckets.try_emplace(key);
     Row& b = it->second;
-    if (fresh) b.key = std::move(key);
+    if (fresh) {
+      b.key = std::move(key);
+      if (person) b.name = person->name;
+    }
+    if (person && !row.who.empty()) b.handles.insert(row.who);
     b.count += 1;
     (row.dir == TeskRow::Direction::incoming ? b.inbound : b.outbound) += 1;
     b.first = std::min(b.first, row.ts);
@@ -163,7 +182,7 @@ std::vector<Row> apply(std::span<const TeskRow> rows, Kind kind, const std::stri
   std::vector<Row> out;
   out.reserve(buckets.size());
   for (auto& [key, b] : buckets) out.push_back(std::move(b));
-  if (kind == Kind::who) {
+  if (kind == Kind::who || kind == Kind::person) {
     // The map already ordered keys ascending; a stable sort keeps that among equals.
     std::stable_sort(out.begin(), out.end(),
                      [](const Row& a, const Row& b) { return a.count > b.count; });
@@ -172,6 +191,7 @@ std::vector<Row> apply(std::span<const TeskRow> rows, Kind kind, const std::stri
 }
 
 std::string header(Kind kind) {
+  if (kind == Kind::person) return "bucket\tname\thandles\tcount\tin\tout\tfirst\tlast";
   std::string h = "bucket\tcount\tin\tout\tfirst\tlast";
   if (kind == Kind::who) h += "\tname";
   return h;
@@ -183,9 +203,20 @@ std::vector<std::string> render(const std::vector<Row>& buckets, const NameLooku
   lines.reserve(buckets.size() + 1);
   lines.push_back(header(kind));
   for (const auto& b : buckets) {
-    std::string line = TeskText::escapeTSV(b.key) + "\t" + std::to_string(b.count) + "\t" +
-                       std::to_string(b.inbound) + "\t" + std::to_string(b.outbound) + "\t" +
-                       TeskTime::isoString(b.first) + "\t" + TeskTime::isoString(b.last);
+    std::string line;
+    if (kind == Kind::person) {
+      // Names and handles come from address books and chats: escaped, so a tab in
+      // one cannot add a column.
+      std::string handles;
+      for (const std::string& h : b.handles) handles += (handles.empty() ? "" : "|") + h;
+      line = TeskText::escapeTSV(b.key) + "\t" + TeskText::escapeTSV(b.name) + "\t" +
+             TeskText::escapeTSV(handles) + "\t";
+    } else {
+      line = TeskText::escapeTSV(b.key) + "\t";
+    }
+    line += std::to_string(b.count) + "\t" + std::to_string(b.inbound) + "\t" +
+            std::to_string(b.outbound) + "\t" + TeskTime::isoString(b.first) + "\t" +
+            TeskTime::isoString(b.last);
     if (kind == Kind::who) {
       line += '\t';
       if (names) {

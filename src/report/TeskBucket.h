@@ -1,4 +1,4 @@
-// --by day|week|month|year|who: one line per bucket instead of one per row. Time
+// --by day|week|month|year|who|person: one line per bucket instead of one per row. Time
 // buckets are cut in the user's own time zone (the day the person was standing in),
 // and weeks are ISO 8601 weeks labelled by their week-year.
 #pragma once
@@ -8,6 +8,7 @@
 #include <limits>
 #include <memory>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <string_view>
@@ -19,10 +20,11 @@
 
 namespace TeskBucket {
 
-enum class Kind { day, week, month, year, who };
+enum class Kind { day, week, month, year, who, person };
 
 // Every kind in declared order (the --by error message lists them so).
-inline constexpr Kind kinds[] = {Kind::day, Kind::week, Kind::month, Kind::year, Kind::who};
+inline constexpr Kind kinds[] = {Kind::day,  Kind::week, Kind::month,
+                                 Kind::year, Kind::who,  Kind::person};
 
 struct Row {
   std::string key;
@@ -31,9 +33,20 @@ struct Row {
   int64_t outbound = 0;
   double first = std::numeric_limits<double>::max();
   double last = -std::numeric_limits<double>::max();
+  // person only: the display name and every handle (row `who`) seen for the person.
+  std::string name;
+  std::set<std::string> handles;
 };
 
-// "day", "week", "month", "year", "who".
+// Who a canonical handle belongs to: a contact card's key and name, or the handle
+// alone with no name.
+struct Person {
+  std::string key;
+  std::string name;
+};
+using PersonLookup = std::function<Person(const std::string& handle)>;
+
+// "day", "week", "month", "year", "who", "person".
 std::string_view rawValue(Kind kind);
 
 // Lowercases, drops one trailing "s", then matches a raw value: "days", "Weeks" and
@@ -50,19 +63,23 @@ std::unique_ptr<icu::SimpleDateFormat> formatter(const std::string& pattern,
 // unchanged for who. Builds its formatter per call; apply() builds one per run.
 std::string label(Kind kind, std::string_view person, double ts, const std::string& zone);
 
-// Counts `rows` into buckets: the person is teskID, or who when that is empty. Time
-// kinds come out in key order (which is time order); who by count descending, ties by
-// key ascending.
-std::vector<Row> apply(std::span<const TeskRow> rows, Kind kind, const std::string& zone);
+// Counts `rows` into buckets: for who the key is teskID, or who when that is empty;
+// for person it is what `people` says that handle belongs to (the handle itself when
+// `people` is empty), asked once per handle. Time kinds come out in key order (which
+// is time order); who and person by count descending, ties by key ascending.
+std::vector<Row> apply(std::span<const TeskRow> rows, Kind kind, const std::string& zone,
+                       const PersonLookup& people = {});
 
-// The header line; who has a seventh column, "name".
+// The header line; who has a seventh column, "name"; person is "bucket", "name",
+// "handles", then the counts and instants.
 std::string header(Kind kind);
 
 // Looks a bucket key up in the address books; nothing when it names no one.
 using NameLookup = std::function<std::optional<std::string>(const std::string& key)>;
 
 // Header, then key, count, in, out, first and last (ISO, UTC) per bucket, tab-separated
-// and unescaped; for who a seventh column, the name `names` gives or empty.
+// and unescaped; for who a seventh column, the name `names` gives or empty; for person
+// the key, the bucket's name and its handles joined by "|" (escaped) come first.
 std::vector<std::string> render(const std::vector<Row>& buckets, const NameLookup& names,
                                 Kind kind);
 

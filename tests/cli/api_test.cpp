@@ -36,7 +36,7 @@ TEST(TeskAPI, DocumentParsesWithTheTablesInOrder) {
   EXPECT_EQ(*verbs.array()->front().member("name")->string(), "search");
   EXPECT_EQ(*verbs.array()->back().member("name")->string(), "api");
   EXPECT_EQ(*entry(verbs, "name", "who")->member("answers")->string(),
-            "handle \u2192 canonical person, and every handle they use");
+            "handle or name \u2192 canonical person, and every handle they use");
   EXPECT_EQ(doc->member("selectors")->array()->size(), 17u);
   EXPECT_EQ(doc->member("sources")->array()->size(), 5u);
   EXPECT_EQ(
@@ -72,7 +72,7 @@ TEST(TeskAPI, SelectorValuesOnlyWhereThereAreAny) {
   ASSERT_TRUE(dir);
   EXPECT_EQ(strings(*dir->member("values")), (std::vector<std::string>{"in", "out"}));
   EXPECT_EQ(strings(*entry(selectors, "flag", "--by")->member("values")),
-            (std::vector<std::string>{"day", "week", "month", "year", "who"}));
+            (std::vector<std::string>{"day", "week", "month", "year", "who", "person"}));
   EXPECT_FALSE(entry(selectors, "flag", "--include-tapbacks"));  // an alias, not advertised
 }
 

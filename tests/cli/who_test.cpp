@@ -60,6 +60,25 @@ TEST(WhoTable, StoredTextNeverOpensAColumnOrALine) {
             std::vector<std::string>{"me\ta\\tb\t0\t0\t0\t\t\tMe\\r"});
 }
 
+// A query that names a contact keeps the rows of every handle on the card, and the
+// census stays one line per canonical handle.
+TEST(WhoTable, ANameKeepsEveryHandleOfTheCard) {
+  using D = TeskRow::Direction;
+  std::vector<TeskRow> rows{
+      message("+14155550123", "+4155550123", D::incoming, 100),
+      message("jordan.lee@example.com", "jordan.lee@example.com", D::outgoing, 200),
+      message("zed@example.com", "zed@example.com", D::incoming, 50),
+  };
+  TeskContacts::Roster roster;
+  const std::optional<std::string> name("Jordan Lee");
+  EXPECT_TRUE(TeskCLI::whoTable(rows, name, roster, std::nullopt).empty());
+  auto census = lines(TeskCLI::whoTable(rows, name, roster, std::nullopt,
+                                        {"+4155550123", "jordan.lee@example.com"}));
+  ASSERT_EQ(census.size(), 2u);
+  EXPECT_TRUE(census[0].starts_with("+4155550123\t+14155550123\t1\t1\t0\t")) << census[0];
+  EXPECT_TRUE(census[1].starts_with("jordan.lee@example.com\t")) << census[1];
+}
+
 TEST(WhoTable, SelfQueryPrintsTheMeCardOrNothing) {
   TeskContacts::Roster roster;
   EXPECT_TRUE(TeskCLI::whoTable({}, std::string(" me "), roster, std::nullopt).empty());

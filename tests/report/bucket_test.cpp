@@ -36,9 +36,10 @@ TeskRow row(double ts, std::string teskID, TeskRow::Direction dir = TeskRow::Dir
 TEST(TeskBucket, ParseDropsOneTrailingSAndIgnoresCase) {
   using K = TeskBucket::Kind;
   const std::pair<const char*, std::optional<K>> cases[] = {
-      {"day", K::day},    {"days", K::day},    {"Weeks", K::week},      {"MONTH", K::month},
-      {"years", K::year}, {"who", K::who},     {"whos", K::who},        {"hour", std::nullopt},
-      {"", std::nullopt}, {"s", std::nullopt}, {"dayss", std::nullopt}, {" day", std::nullopt},
+      {"day", K::day},         {"days", K::day},         {"Weeks", K::week}, {"MONTH", K::month},
+      {"years", K::year},      {"who", K::who},          {"whos", K::who},   {"hour", std::nullopt},
+      {"persons", K::person},  {"people", std::nullopt}, {"", std::nullopt}, {"s", std::nullopt},
+      {"dayss", std::nullopt}, {" day", std::nullopt},
   };
   for (const auto& [text, kind] : cases) EXPECT_EQ(TeskBucket::parse(text), kind) << text;
   for (K k : TeskBucket::kinds) EXPECT_EQ(TeskBucket::parse(TeskBucket::rawValue(k)), k);
@@ -209,9 +210,46 @@ TEST(TeskBucket, WhoBucketsByPersonCountThenKey) {
   EXPECT_EQ(buckets[1].last, 15);
 }
 
+// person: every handle of a card counts for the card; a handle on no card stands
+// alone; each handle is looked up once however many rows carry it.
+TEST(TeskBucket, PersonMergesTheHandlesOfACard) {
+  using D = TeskRow::Direction;
+  std::vector<TeskRow> rows{
+      row(10, "+4155550123", D::incoming, "+14155550123"),
+      row(11, "jordan@example.com", D::outgoing, "jordan@example.com"),
+      row(12, "+4155550123", D::outgoing, "4155550123"),
+      row(13, "+2125550101", D::incoming, "+12125550101"),
+      row(14, "stranger@example.com", D::incoming, "stranger@example.com"),
+      row(15, "", D::outgoing, ""),  // the owner in a group: no counterpart
+  };
+  std::map<std::string, int> asked;
+  const TeskBucket::PersonLookup people = [&asked](const std::string& h) {
+    ++asked[h];
+    if (h == "+4155550123" || h == "jordan@example.com") {
+      return TeskBucket::Person{"Jordan Lee", "Jordan\tLee"};
+    }
+    if (h == "+2125550101") return TeskBucket::Person{"Sam Roe (+2125550101)", "Sam Roe"};
+    return TeskBucket::Person{h, ""};
+  };
+  auto buckets = TeskBucket::apply(rows, TeskBucket::Kind::person, kWest, people);
+  EXPECT_EQ(asked["+4155550123"], 1);
+  EXPECT_EQ(TeskBucket::render(buckets, TeskBucket::NameLookup(), TeskBucket::Kind::person),
+            (std::vector<std::string>{
+                "bucket\tname\thandles\tcount\tin\tout\tfirst\tlast",
+                "Jordan Lee\tJordan\\tLee\t+14155550123|4155550123|jordan@example.com\t3\t1\t2\t"
+                "1970-01-01T00:00:10Z\t1970-01-01T00:00:12Z",
+                "\t\t\t1\t0\t1\t1970-01-01T00:00:15Z\t1970-01-01T00:00:15Z",
+                "Sam Roe (+2125550101)\tSam Roe\t+12125550101\t1\t1\t0\t1970-01-01T00:00:13Z\t"
+                "1970-01-01T00:00:13Z",
+                "stranger@example.com\t\tstranger@example.com\t1\t1\t0\t1970-01-01T00:00:14Z\t"
+                "1970-01-01T00:00:14Z"}));
+  // Without a lookup every handle is its own person.
+  EXPECT_EQ(TeskBucket::apply(rows, TeskBucket::Kind::person, kWest).size(), 5u);
+}
+
 TEST(TeskBucket, RenderColumnsAndNames) {
-  TeskBucket::Row b{"amy", 3, 2, 1, 1767225600, 1767229200.9};
-  TeskBucket::Row c{"bob", 1, 1, 0, 1767225600, 1767225600};
+  TeskBucket::Row b{"amy", 3, 2, 1, 1767225600, 1767229200.9, {}, {}};
+  TeskBucket::Row c{"bob", 1, 1, 0, 1767225600, 1767225600, {}, {}};
   const std::map<std::string, std::string> names{{"amy", "Amy Pond"}};
   EXPECT_EQ(TeskBucket::render({b, c}, names, TeskBucket::Kind::who),
             (std::vector<std::string>{
