@@ -97,7 +97,7 @@ TEST(Options, ErrorMessagesAreExact) {
       {{"--budget", "0"}, "--budget needs a positive number"},
       {{"--dir", "IN"}, "--dir must be in or out"},
       {{"--format", "TSV"}, "--format must be auto, tsv, json or agg"},
-      {{"--by", "hour"}, "unknown --by hour (try: day, week, month, year, who)"},
+      {{"--by", "hour"}, "unknown --by hour (try: day, week, month, year, who, person)"},
       {{"--grep", "(unbalanced"}, "--grep is not a valid regex: (unbalanced"},
       {{"--since"}, "--since needs a value"},
       {{"--since", "yesterdayish"}, "cannot parse --since yesterdayish (try 30d, 12m, 2026-01-01)"},
