@@ -259,7 +259,7 @@ TEST(TeskBucket, RenderColumnsAndNames) {
   const std::unordered_map<std::string, std::string> hashed{{"bob", "Bob"}};
   EXPECT_TRUE(TeskBucket::render({c}, hashed, TeskBucket::Kind::who)[1].ends_with("Z\tBob"));
   // Keys and names come from stores: they never open a column or a line.
-  TeskBucket::Row hostile{"a\tb\nc\rd", 1, 1, 0, 1767225600, 1767225600};
+  TeskBucket::Row hostile{"a\tb\nc\rd", 1, 1, 0, 1767225600, 1767225600, {}, {}};
   const std::map<std::string, std::string> forged{{"a\tb\nc\rd", "N\n1"}};
   EXPECT_EQ(TeskBucket::render({hostile}, forged, TeskBucket::Kind::who)[1],
             "a\\tb\\nc\\rd\t1\t1\t0\t2026-01-01T00:00:00Z\t2026-01-01T00:00:00Z\tN\\n1");
