@@ -69,6 +69,18 @@ pid_t startWriter(const std::string& path, int checkpointEvery) {
   return pid;
 }
 
+// Kills and reaps the writer however the test leaves its scope: a failed assertion
+// returns early, and a writer left running would keep ctest waiting on its pipes.
+struct WriterGuard {
+  pid_t pid;
+  ~WriterGuard() {
+    if (pid > 0) {
+      kill(pid, SIGKILL);
+      waitpid(pid, nullptr, 0);
+    }
+  }
+};
+
 // Reads the message count through tesk 50 times while a writer appends, once
 // without checkpoints and once with frequent ones. Every count is at least what
 // was committed before the read started: a stale or failed read fails.
@@ -82,6 +94,7 @@ TEST(LiveWriter, EveryReadSeesAtLeastWhatWasCommittedBeforeIt) {
   for (int checkpointEvery : {0, 20}) {
     pid_t writer = startWriter(chat, checkpointEvery);
     ASSERT_GT(writer, 0);
+    WriterGuard guard{writer};
     for (int read = 0; read < 50; ++read) {
       const int64_t before = count(chat, "SELECT COUNT(*) FROM message");
       Answer a = tesk({"sql", "SELECT COUNT(*) AS n FROM message"}, home.path(), tmp.path());
@@ -97,6 +110,7 @@ TEST(LiveWriter, EveryReadSeesAtLeastWhatWasCommittedBeforeIt) {
     kill(writer, SIGKILL);
     int status = 0;
     waitpid(writer, &status, 0);
+    guard.pid = -1;
     EXPECT_TRUE(WIFSIGNALED(status)) << "the writer stopped on its own: " << status;
     EXPECT_TRUE(snapshotsIn(tmp.path()).empty());
   }
