@@ -115,6 +115,8 @@ struct Result {
   int64_t excludedFiltered = 0;  // Spam / Junk rows dropped
   int64_t excludedGroup = 0;     // rows with two or more recipients dropped
   std::string openMode;          // "ro", "snapshot", "plain"; empty when nothing was opened
+  bool readStateKnown = false;   // the index keeps each message's read state
+  bool unreadIgnored = false;    // --unread was asked of an index that keeps none
 };
 
 // Index rows against body files, per mailbox.

@@ -38,14 +38,26 @@ const std::string kLabelsWindowSQL =
 const std::string kCountSQL = "SELECT COUNT(*) FROM messages";
 const std::string kSamplesSQL =
     "SELECT date_received FROM messages ORDER BY date_received DESC LIMIT ?";
-const std::string kEnvelopeSQL =
-    "SELECT m.ROWID, m.date_received, m.mailbox, m.conversation_id,\n"
-    "       s.subject, m.subject_prefix, m.sender\n"
-    "FROM messages m\n"
-    "LEFT JOIN subjects s ON s.ROWID = m.subject\n"
-    "WHERE (? = 0 OR m.date_received >= ?)\n"
-    "  AND (? = 0 OR m.date_received <= ?)\n"
-    "ORDER BY m.date_received";
+// Column 7 is the message's read state: 1 read, 0 not, NULL when the index keeps none.
+std::string envelopeSQL(const std::string& readState) {
+  return "SELECT m.ROWID, m.date_received, m.mailbox, m.conversation_id,\n"
+         "       s.subject, m.subject_prefix, m.sender, " +
+         readState +
+         "\n"
+         "FROM messages m\n"
+         "LEFT JOIN subjects s ON s.ROWID = m.subject\n"
+         "WHERE (? = 0 OR m.date_received >= ?)\n"
+         "  AND (? = 0 OR m.date_received <= ?)\n"
+         "ORDER BY m.date_received";
+}
+
+// Newer indexes keep a `read` column; older ones only the message flags, whose lowest
+// bit is the read flag (the same bits an .emlx file's plist carries).
+std::string readStateColumn(TeskStore& store) {
+  if (store.columnExists("read", "messages")) return "m.read";
+  if (store.columnExists("flags", "messages")) return "(m.flags & 1)";
+  return "NULL";
+}
 // Only dated rows: one negative date_received (a sentinel, a bad import) would be the
 // MIN, fail the pair's sanity test and leave only the window as the horizon.
 const std::string kHorizonSQL =
@@ -66,6 +78,7 @@ struct Candidate {
   std::string subject;
   int64_t conversation = 0;
   int64_t recipients = 0;
+  bool unread = false;
   std::optional<std::string> body;
 };
 
@@ -330,8 +343,11 @@ Result read(const TeskIMessage::Filter& filter, double now, int64_t bodyBudget,
     const std::string whoQuery = filter.who ? std::string(*filter.who) : std::string();
     const std::string whoCanonical = TeskIdentity::canonical(whoQuery);
     const bool byWho = filter.who && !filter.who->empty();
+    const std::string readState = readStateColumn(store);
+    result.readStateKnown = readState != "NULL";
+    result.unreadIgnored = filter.unreadOnly && !result.readStateKnown;
     try {
-      store.query(kEnvelopeSQL, windowBinds(filter), [&](const TeskRowReader& r) {
+      store.query(envelopeSQL(readState), windowBinds(filter), [&](const TeskRowReader& r) {
         const double received = r.real(1);
         if (received < 1) return;
         const int64_t rowid = r.integer(0);
@@ -352,6 +368,9 @@ Result read(const TeskIMessage::Filter& filter, double now, int64_t bodyBudget,
         }
         const auto dir = sent ? TeskRow::Direction::outgoing : TeskRow::Direction::incoming;
         if (filter.direction && *filter.direction != dir) return;
+        // Unread as for messages: received and not yet read; what the owner sent is neither.
+        const bool unread = !sent && !r.isNull(7) && r.integer(7) == 0;
+        if (filter.unreadOnly && result.readStateKnown && !unread) return;
 
         const auto senderIt = r.isNull(6) ? addresses.end() : addresses.find(r.integer(6));
         const std::string& senderAddress =
@@ -387,6 +406,7 @@ Result read(const TeskIMessage::Filter& filter, double now, int64_t bodyBudget,
         c.subject = std::string(TeskText::trim(subject));
         c.conversation = r.integer(3);
         c.recipients = recipientCount;
+        c.unread = unread;
         candidates.push_back(std::move(c));
       });
     } catch (const TeskStoreError& e) {
@@ -488,7 +508,7 @@ Result read(const TeskIMessage::Filter& filter, double now, int64_t bodyBudget,
       row.group = cand.recipients >= 2;
       row.filtered = cand.box && isFilteredLeaf(cand.box->leaf);
       row.chatID = cand.conversation;
-      row.unread = false;
+      row.unread = cand.unread;
       result.rows.push_back(std::move(row));
     }
     // The envelope query already returns ascending dates; sorting would only
@@ -533,6 +553,9 @@ std::vector<std::string> notes(const Result& result) {
     if (rate < 0.999 && decodable >= 1) {
       out.push_back("MAIL DECODE BELOW GATE \xE2\x80\x94 treat every mail count as a floor");
     }
+  }
+  if (result.unreadIgnored) {
+    out.push_back("--unread: this mail index keeps no read state; mail rows are not filtered");
   }
   if (result.futureDated >= 1) {
     out.push_back("mail: " + std::to_string(result.futureDated) +

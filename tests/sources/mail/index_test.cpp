@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
@@ -228,6 +229,46 @@ TEST_F(MailHome, SelectorsDirectionWhoAndAccentedQuery) {
     for (const auto& row : r.rows) ids.push_back(row.id);
     EXPECT_EQ(ids, c.ids) << c.name;
     EXPECT_EQ(r.budgetWaived, c.query.has_value()) << c.name;
+  }
+}
+
+// --unread keeps received mail not yet read, whichever column the index keeps the
+// state in; an index that keeps none filters nothing and says so.
+TEST_F(MailHome, UnreadFollowsTheIndexReadState) {
+  gmail();
+  message(104, kNow - 1 * kDay, 1, 12, "New");
+  recipient(104, 10, 0);
+  exec("UPDATE messages SET read = (ROWID = 100), flags = (ROWID = 100) | 1024");  // 100 is read
+  struct Case {
+    std::string name, schema;
+    std::vector<std::string> ids;
+    bool noted;
+  } cases[] = {
+      {"read column", "", {"mail:104"}, false},
+      {"flags only: bit 0 is read", "ALTER TABLE messages DROP COLUMN read", {"mail:104"}, false},
+      {"no read state at all",
+       "ALTER TABLE messages DROP COLUMN flags",
+       {"mail:100", "mail:101", "mail:104"},
+       true},
+  };
+  filter_.unreadOnly = true;
+  for (const auto& c : cases) {
+    if (!c.schema.empty()) {
+      db_ = tesk_test::openDB(version_ / "MailData/Envelope Index");
+      exec(c.schema);
+    }
+    const auto r = read();
+    std::vector<std::string> ids;
+    for (const auto& row : r.rows) ids.push_back(row.id);
+    EXPECT_EQ(ids, c.ids) << c.name;
+    // A row's unread mark is the index's word, never assumed.
+    EXPECT_EQ(rowWithID(r, "mail:104")->unread, !c.noted) << c.name;
+    const auto notes = TeskMail::notes(r);
+    EXPECT_EQ(std::count(notes.begin(), notes.end(),
+                         "--unread: this mail index keeps no read state; mail rows are not "
+                         "filtered"),
+              c.noted ? 1 : 0)
+        << c.name;
   }
 }
 
