@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <random>
 #include <system_error>
+#include <thread>
 
 #include "cli/TeskPrivate.h"
 #include "store/TeskCleanup.h"
@@ -46,6 +47,24 @@ std::optional<std::string> firstText(sqlite3* db, const std::string& sql) {
   if (text == nullptr) return std::nullopt;
   return std::string(reinterpret_cast<const char*>(text),
                      static_cast<size_t>(sqlite3_column_bytes(stmt.get(), 0)));
+}
+
+constexpr const char* kSchemaProbe = "SELECT COUNT(*) FROM sqlite_master";
+
+// Opens one read transaction on a live WAL store and keeps it for the connection's
+// life. Every statement of the run then reads the same commit, and none of them
+// starts a read of its own: with a read-only wal-index, a read that begins while
+// the writer rebuilds or resets the index fails ("attempt to write a readonly
+// database"). Beginning is retried briefly; a store that never settles is copied.
+// Readers never block a WAL writer, so holding the transaction costs the owner nothing.
+bool holdReadTransaction(sqlite3* db) {
+  for (int attempt = 0; attempt < 6; ++attempt) {
+    if (attempt > 0) std::this_thread::sleep_for(std::chrono::milliseconds(1 << attempt));
+    if (sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr) != SQLITE_OK) continue;
+    if (firstText(db, kSchemaProbe).has_value()) return true;
+    sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+  }
+  return false;
 }
 
 // The connection's last error as a store error, with its primary result code.
@@ -312,8 +331,9 @@ void TeskStore::open(const Environment& environment) {
       std::optional<std::string> journal = firstText(live.get(), "PRAGMA journal_mode");
       // The probe reads the schema, which fails on a locked file or an unreadable
       // WAL index; the journal mode alone does not prove the WAL is visible.
-      bool probed = firstText(live.get(), "SELECT COUNT(*) FROM sqlite_master").has_value();
       bool seesWAL = journal && asciiLower(*journal) == "wal";
+      bool probed = hasWAL && seesWAL ? holdReadTransaction(live.get())
+                                      : firstText(live.get(), kSchemaProbe).has_value();
       if (probed && (!hasWAL || seesWAL)) {
         mode_ = hasWAL ? TeskOpenMode::liveReadOnly : TeskOpenMode::plain;
         TeskFunctions::install(live.get(), *functions_);
