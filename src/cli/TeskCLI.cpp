@@ -305,9 +305,13 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
     }
     return *roster;
   };
+  // `who me` is identity, not a census: the Me card and the account file answer it, so
+  // no store is opened and no body decoded (a Mac without chat.db has an owner too).
+  const bool selfQuery = verb == "who" && isSelfQuery(opts.text);
+
   // A --who value may be a contact's name: resolved here, once, into the handles of
   // the cards it names, which every producer tests beside its handle match.
-  if (filter.who && !filter.who->empty()) {
+  if (filter.who && !filter.who->empty() && !selfQuery) {
     TeskPeople::Resolution named = TeskPeople::resolve(contacts(), *filter.who);
     filter.whoHandles = std::move(named.handles);
     filter.whoGroups = verb == "thread" && !filter.whoHandles.empty();
@@ -319,6 +323,7 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
 
   ReadContext ctx{verb, opts, filter, env, now, keys};
   for (const SourceReader& reader : sourceReaders()) {
+    if (selfQuery) break;
     std::vector<std::string> requested;
     for (const std::string& k : keys) {
       if (contains(reader.keys, k)) requested.push_back(k);
@@ -350,7 +355,7 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
 
   // The answers that name people read the address books before the denials are copied.
   const bool namesPeople =
-      verb == "who" ||
+      (verb == "who" && !selfQuery) ||
       (opts.by && (*opts.by == TeskBucket::Kind::who || *opts.by == TeskBucket::Kind::person));
   const TeskContacts::Roster noBooks;
   const TeskContacts::Roster& names = namesPeople ? contacts() : noBooks;
@@ -363,7 +368,7 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
   if (acc.horizon) r.horizon = acc.horizon;
   std::optional<double> until = opts.until;
   if (opts.cursor) until = std::min(until.value_or(HUGE_VAL), opts.cursor->ts);
-  if (opts.since || until) {
+  if ((opts.since || until) && !selfQuery) {
     // An open end of the window is as far as the stores read actually reach.
     double from = opts.since ? *opts.since : (acc.horizon ? acc.horizon->from : 0);
     double to = until ? *until : std::max(now, acc.horizon ? acc.horizon->to : now);
@@ -371,7 +376,7 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
   }
 
   std::vector<std::string> body;
-  if (opts.by) {
+  if (opts.by && !selfQuery) {
     BucketAnswer b = bucketAnswer(acc.rows, *opts.by, names, env);
     body = std::move(b.lines);
     r.rowsTotal = r.rowsOut = b.buckets;

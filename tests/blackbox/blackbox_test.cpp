@@ -300,6 +300,14 @@ TEST(BlackBox, WhoMeReadsTheAccountFile) {
   ASSERT_EQ(a.lines.size(), 4u);
   EXPECT_EQ(a.lines[1], "tesk_id\thandles\tmessages\tin\tout\tfirst\tlast\tname");
   EXPECT_EQ(a.lines[2], "me\tme@example.com\t0\t0\t0\t\t\t");
+  EXPECT_TRUE(has(a.lines[0], "\"open\":\"\"")) << "identity opens no message store";
+  EXPECT_FALSE(has(a.lines[0], "\"per_source\"")) << a.lines[0];
+  // No message store on this Mac: the owner is still known.
+  tesk_test::TempHome bare;
+  std::ofstream(bare.file(".harbend/account.json")) << R"({"email":"me@example.com","token":"t"})";
+  Answer noStore = tesk({"who", "me"}, bare.path());
+  EXPECT_EQ(noStore.exit, 0) << noStore.text;
+  EXPECT_EQ(noStore.lines.at(2), a.lines[2]);
   Answer census = tesk({"who"}, h.path());
   EXPECT_EQ(census.exit, 0);
   EXPECT_EQ(census.lines[2].substr(0, 31), "+4155550123\t+14155550123\t5\t2\t3\t");
