@@ -113,6 +113,11 @@ void readReminders(const ReadContext& ctx, const std::vector<std::string>&, Accu
   acc.denied.insert(acc.denied.end(), r.denied.begin(), r.denied.end());
   acc.perSource["reminder"] = static_cast<int64_t>(r.rows.size());
   setHorizon(acc, "reminder", r.horizon);
+  if (r.noInstant > 0) {
+    acc.notes.push_back("reminder: " + std::to_string(r.noInstant) +
+                        " reminder(s) whose date is no instant (not a number, before 1970 or "
+                        "after 2200) left out of the horizon");
+  }
   mergeSorted(acc, std::move(r.rows));
   acc.notes.push_back(
       "reminder rows are unfinished Apple Reminders; this reader has no write path");

@@ -339,7 +339,8 @@ std::optional<Agreement> verify(const std::string& home, double now, const std::
       // The cache is a day index: one group per event and end date, at its first day.
       const double t = row.real(1) + TeskTime::appleEpochOffset;
       std::optional<int64_t> key = rounded(t);
-      if (!key) return;
+      // A cache day that is no instant would stretch the compared window to it.
+      if (!key || !row.isNumber(1) || !TeskTime::plausible(t)) return;
       theirs.insert(std::to_string(row.integer(0)) + "@" + std::to_string(*key));
       if (!any || t < agreement.window.from) agreement.window.from = t;
       if (!any || t > agreement.window.to) agreement.window.to = t;

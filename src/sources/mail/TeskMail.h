@@ -112,6 +112,7 @@ struct Result {
   int64_t bodiesSkipped = 0;     // candidates - bodiesAttempted (= census.notOpened)
   bool budgetWaived = false;     // a text selector made every body sought
   int64_t futureDated = 0;       // window rows received after `now`
+  int64_t noInstant = 0;         // dated rows whose date is no instant, kept out of horizons
   int64_t excludedFiltered = 0;  // Spam / Junk rows dropped
   int64_t excludedGroup = 0;     // rows with two or more recipients dropped
   std::string openMode;          // "ro", "snapshot", "plain"; empty when nothing was opened

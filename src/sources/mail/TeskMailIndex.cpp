@@ -13,6 +13,7 @@
 #include <unordered_set>
 
 #include "cli/TeskText.h"
+#include "cli/TeskTime.h"
 #include "sources/mail/TeskMail.h"
 #include "sources/messages/TeskIdentity.h"
 #include "store/TeskStore.h"
@@ -58,13 +59,19 @@ std::string readStateColumn(TeskStore& store) {
   if (store.columnExists("flags", "messages")) return "(m.flags & 1)";
   return "NULL";
 }
-// Only dated rows: one negative date_received (a sentinel, a bad import) would be the
-// MIN, fail the pair's sanity test and leave only the window as the horizon.
+// Only instants: one negative date_received (a sentinel, a bad import) would be the
+// MIN and fail the pair's sanity test, one far in the future (or a text, which sorts
+// above every number) would carry the horizon to year 9999. Those rows are counted.
+const std::string kDated = "date_received > 0 AND date_received < 7258118400";  // 2200
 const std::string kHorizonSQL =
-    "SELECT MIN(date_received), MAX(date_received) FROM messages WHERE date_received > 0";
+    "SELECT MIN(date_received), MAX(date_received) FROM messages WHERE " + kDated;
 const std::string kMailboxHorizonSQL =
     "SELECT mailbox, MIN(date_received), MAX(date_received)\n"
-    "FROM messages WHERE date_received > 0 GROUP BY mailbox";
+    "FROM messages WHERE " +
+    kDated + " GROUP BY mailbox";
+// The complement of kDated for non-NULL values, as two ranges an index can answer.
+const std::string kNoInstantSQL =
+    "SELECT COUNT(*) FROM messages WHERE date_received <= 0 OR date_received >= 7258118400";
 
 constexpr int64_t kFreshnessSamples = 16;
 const std::string kUnknownMailbox = "(unknown mailbox)";
@@ -349,7 +356,8 @@ Result read(const TeskIMessage::Filter& filter, double now, int64_t bodyBudget,
     try {
       store.query(envelopeSQL(readState), windowBinds(filter), [&](const TeskRowReader& r) {
         const double received = r.real(1);
-        if (received < 1) return;
+        // No instant, no place on the time axis (a text reads as 0): counted by kNoInstantSQL.
+        if (received < 1 || !TeskTime::plausible(received)) return;
         const int64_t rowid = r.integer(0);
         const auto boxIt = r.isNull(2) ? boxes.end() : boxes.find(r.integer(2));
         const Mailbox* box = boxIt == boxes.end() ? nullptr : &boxIt->second;
@@ -430,6 +438,7 @@ Result read(const TeskIMessage::Filter& filter, double now, int64_t bodyBudget,
       });
     } catch (const TeskStoreError&) {
     }
+    result.noInstant = store.scalarInt(kNoInstantSQL).value_or(0);
     if (window) widen(whole, window->from, window->to);
     if (whole && whole->from <= whole->to) result.horizon = whole;
 
@@ -556,6 +565,11 @@ std::vector<std::string> notes(const Result& result) {
   }
   if (result.unreadIgnored) {
     out.push_back("--unread: this mail index keeps no read state; mail rows are not filtered");
+  }
+  if (result.noInstant >= 1) {
+    out.push_back("mail: " + std::to_string(result.noInstant) +
+                  " message(s) whose date is no instant (not a number, before 1970 or after "
+                  "2200) left out of rows and horizon");
   }
   if (result.futureDated >= 1) {
     out.push_back("mail: " + std::to_string(result.futureDated) +

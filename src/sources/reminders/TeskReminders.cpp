@@ -72,8 +72,14 @@ std::string fileName(const std::string& path) {
   return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
-std::optional<double> appleDate(const TeskRowReader& r, int column) {
+// A stored date; nothing when NULL or when the column holds no number (a text would
+// read as 0.0, 2001-01-01), in which case `garbled` is set.
+std::optional<double> appleDate(const TeskRowReader& r, int column, bool& garbled) {
   if (r.isNull(column)) return std::nullopt;
+  if (!r.isNumber(column)) {
+    garbled = true;
+    return std::nullopt;
+  }
   return r.real(column) + TeskTime::appleEpochOffset;
 }
 
@@ -125,9 +131,10 @@ void readStore(const std::string& path, Reading& st) {
         body += notes;
       }
       if (body.empty()) return;
-      std::optional<double> due = appleDate(r, 3);
-      std::optional<double> stamp = appleDate(r, 4);
-      if (!stamp) stamp = appleDate(r, 5);
+      bool garbled = false;
+      std::optional<double> due = appleDate(r, 3, garbled);
+      std::optional<double> stamp = appleDate(r, 4, garbled);
+      if (!stamp) stamp = appleDate(r, 5, garbled);
       if (!stamp) stamp = modified;
       const double placed = due.value_or(*stamp);
       if ((f.since && placed < *f.since) || (f.until && placed > *f.until)) return;
@@ -146,13 +153,18 @@ void readStore(const std::string& path, Reading& st) {
       row.body = std::move(body);
       row.start = due;
       st.out.rows.push_back(std::move(row));
+      ++emitted;
+      // A date that is no instant stays on its row but moves no horizon.
+      if (garbled || !TeskTime::plausible(placed)) {
+        ++st.out.noInstant;
+        return;
+      }
       if (!st.out.horizon) {
         st.out.horizon = TeskSpan{placed, placed};
       } else {
         st.out.horizon->from = std::min(st.out.horizon->from, placed);
         st.out.horizon->to = std::max(st.out.horizon->to, placed);
       }
-      ++emitted;
     });
   } catch (const TeskStoreError& e) {
     st.out.denied.push_back("reminder: schema moved in " + name + kEmDash + e.description());

@@ -23,6 +23,7 @@ struct Result {
   std::vector<std::string> denied;  // "reminder: ..." per unreadable store, or no store at all
   std::map<std::string, int64_t> perStore;  // emitted rows per store file name
   std::optional<TeskSpan> horizon;          // present only when from <= to
+  int64_t noInstant = 0;  // rows whose date is no instant, kept out of the horizon
 };
 
 // What the probes found in one store; each false column reads as NULL (the

@@ -380,7 +380,9 @@ TEST_F(MailHome, SentThroughLabelsOrTheMessagesOwnMailbox) {
   EXPECT_EQ(r.perMailbox.at("Sent Messages"), 1);
 }
 
-TEST_F(MailHome, NegativeDatesLeaveTheHorizonsToTheStore) {
+// Dates before 1970, past 2200 or not numbers at all are no instants: they would
+// collapse or stretch the horizons, so they are left out and counted.
+TEST_F(MailHome, DatesThatAreNoInstantLeaveTheHorizonsToTheStore) {
   mailbox(1, kInbox);
   mailbox(5, "imap://" + kAccount + "/Archive");
   address(11, "alice@example.com");
@@ -389,9 +391,13 @@ TEST_F(MailHome, NegativeDatesLeaveTheHorizonsToTheStore) {
   message(603, kNow - 40 * kDay, 1, 11, "inbox, before the window");
   message(604, -1, 1, 11, "a sentinel");
   message(605, kNow - 10 * kDay, 1, 11, "recent");
+  message(606, 253402300799.0, 1, 11, "year 9999");
+  message(607, 0, 5, 11, "garbled");
+  exec("UPDATE messages SET date_received = 'soon' WHERE ROWID = 607");
   filter_.since = kNow - 30 * kDay;
   const auto r = read();
   ASSERT_EQ(r.rows.size(), 1u);
+  EXPECT_EQ(r.noInstant, 4);
   ASSERT_TRUE(r.horizon);
   EXPECT_EQ(r.horizon->from, kNow - 100 * kDay);
   EXPECT_EQ(r.horizon->to, kNow - 10 * kDay);
@@ -424,11 +430,14 @@ TEST_F(MailHome, WindowHorizonsAndUndatedRows) {
   EXPECT_EQ(r.freshness.sampled, 4);  // the undated row is a sample, not credible
   EXPECT_EQ(r.indexRows, 4);
   const auto lines = TeskMail::notes(r);
-  ASSERT_EQ(lines.size(), 2u);
+  ASSERT_EQ(lines.size(), 3u);
   EXPECT_EQ(lines[0],
             "mail decode 1.00000 (0 of 0 decodable; 2 demanded, 0 files opened) \xC2\xB7 "
             "2 never reached this disk");
-  EXPECT_EQ(lines[1], "mail: 1 row(s) dated in the future excluded from freshness");
+  EXPECT_EQ(lines[1],
+            "mail: 1 message(s) whose date is no instant (not a number, before 1970 or after "
+            "2200) left out of rows and horizon");
+  EXPECT_EQ(lines[2], "mail: 1 row(s) dated in the future excluded from freshness");
 
   filter_ = {};
   filter_.until = kNow - 50 * kDay;

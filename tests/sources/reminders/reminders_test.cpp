@@ -295,6 +295,23 @@ TEST(RemindersRead, NoDeletionFlagReadsEveryUnfinished) {
   EXPECT_DOUBLE_EQ(r.rows[0].ts, kApple);  // 0 is a date (2001), not "absent"
 }
 
+// A date that is no instant (year 9999, a text that would read as 2001) keeps its
+// row but moves no horizon, and is counted.
+TEST(RemindersRead, DatesThatAreNoInstantMoveNoHorizon) {
+  TempHome home;
+  makeStore(home, "Data-A.sqlite",
+            "INSERT INTO ZREMCDREMINDER(Z_PK, ZTITLE, ZDUEDATE, ZLASTMODIFIEDDATE) VALUES"
+            " (1, 'real', NULL, " +
+                core(kNow) + "), (2, 'far', " + core(253402300799.0) + ", " + core(kNow) +
+                "), (3, 'garbled', 'soon', " + core(kNow - kDay) + ");");
+  TeskReminders::Result r = TeskReminders::read({}, home.path());
+  EXPECT_EQ(r.rows.size(), 3u);
+  EXPECT_EQ(r.noInstant, 2);
+  ASSERT_TRUE(r.horizon.has_value());
+  EXPECT_DOUBLE_EQ(r.horizon->from, kNow);
+  EXPECT_DOUBLE_EQ(r.horizon->to, kNow);
+}
+
 // The Reminders app holds its store open in WAL mode; a locked store is read
 // through a snapshot, including what still sits in the -wal file.
 TEST(RemindersRead, LockedStoreReadThroughSnapshot) {
