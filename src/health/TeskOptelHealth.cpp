@@ -2,9 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
-#include <fstream>
 
+#include "cli/TeskFile.h"
 #include "cli/TeskTime.h"
 #include "report/TeskJSONValue.h"
 
@@ -12,19 +11,10 @@ namespace TeskOptelHealth {
 namespace {
 
 // The status file is a few hundred bytes; a larger one is not the capture status.
-constexpr std::uintmax_t kMaxStatusBytes = 1 << 20;
+constexpr size_t kMaxStatusBytes = 1 << 20;
 
 std::optional<std::string> readFile(const std::string& path) {
-  std::error_code ec;
-  auto size = std::filesystem::file_size(path, ec);
-  if (ec || size > kMaxStatusBytes) return std::nullopt;
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return std::nullopt;
-  std::string text(static_cast<size_t>(size), '\0');
-  in.read(text.data(), static_cast<std::streamsize>(size));
-  if (in.bad()) return std::nullopt;
-  text.resize(static_cast<size_t>(in.gcount()));
-  return text;
+  return TeskFile::readRegular(path, kMaxStatusBytes);
 }
 
 std::optional<double> dateMember(const TeskJSONValue::Value& status, std::string_view key) {

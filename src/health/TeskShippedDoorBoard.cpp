@@ -11,12 +11,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <random>
 #include <thread>
 
+#include "cli/TeskFile.h"
 #include "health/TeskPermission.h"
 
 extern char** environ;
@@ -27,7 +27,7 @@ namespace {
 namespace fs = std::filesystem;
 
 // The board is a few hundred bytes; anything past this is not a board.
-constexpr std::uintmax_t kMaxOutputBytes = 1 << 20;
+constexpr size_t kMaxOutputBytes = 1 << 20;
 // How long a terminated app gets to exit before it is killed outright.
 constexpr double kTerminateGraceSeconds = 1.0;
 
@@ -134,15 +134,8 @@ bool validUTF8(std::string_view s) {
 }
 
 std::optional<std::string> readUTF8File(const std::string& path) {
-  std::error_code ec;
-  auto size = fs::file_size(path, ec);
-  if (ec || size > kMaxOutputBytes) return std::nullopt;
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return std::nullopt;
-  std::string text(static_cast<size_t>(size), '\0');
-  in.read(text.data(), static_cast<std::streamsize>(size));
-  text.resize(static_cast<size_t>(in.gcount()));
-  if (in.bad() || !validUTF8(text)) return std::nullopt;
+  std::optional<std::string> text = TeskFile::readRegular(path, kMaxOutputBytes);
+  if (!text || !validUTF8(*text)) return std::nullopt;
   return text;
 }
 

@@ -7,10 +7,14 @@
 #include <cerrno>
 #include <cstring>
 
+#include "cli/TeskFile.h"
 #include "cli/TeskPrivate.h"
 
 namespace TeskStoreFiles {
 namespace {
+
+using TeskFile::Descriptor;
+using TeskFile::openRegular;
 
 Kind kindOfMode(mode_t mode) {
   if (S_ISREG(mode)) return Kind::regular;
@@ -19,41 +23,6 @@ Kind kindOfMode(mode_t mode) {
   if (S_ISSOCK(mode)) return Kind::socket;
   if (S_ISCHR(mode) || S_ISBLK(mode)) return Kind::device;
   return Kind::other;
-}
-
-// A descriptor closed when it goes.
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
-// Opens a regular file for reading without ever blocking; -1 (errno set) otherwise.
-int openRegular(const std::string& path) {
-  // stat first: a device is never opened (opening one can have effects); O_NONBLOCK
-  // covers a pipe swapped in between, and fstat then sees it.
-  struct stat st;
-  if (::stat(path.c_str(), &st) != 0) return -1;
-  if (!S_ISREG(st.st_mode)) {
-    errno = EINVAL;
-    return -1;
-  }
-  int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-  if (fd < 0) return -1;
-  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-    ::close(fd);
-    errno = EINVAL;
-    return -1;
-  }
-  return fd;
 }
 
 }  // namespace

@@ -176,6 +176,7 @@ TEST(HostileStores, NamedPipeInPlaceOfAStoreNeverBlocks) {
       {chrome, {"span", "--src", "chrome", "--since", "5y"}, 2, ""},
       {chat, {"doctor"}, 0, "im\tA\tDENIED\t-\t-\t0\t0\t-\tcannot read {}: not a regular file"},
       {"Library/Accounts/Accounts4.sqlite", {"link"}, 3, "verdict\tABSENT"},
+      {".harbend/account.json", {"who", "me"}, 0, "me\t"},  // the address book still answers
   };
   // clang-format on
   for (const Case& c : cases) {

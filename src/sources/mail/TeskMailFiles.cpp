@@ -13,25 +13,11 @@
 #include <system_error>
 #include <vector>
 
+#include "cli/TeskFile.h"
 #include "sources/mail/TeskMail.h"
 
 namespace TeskMail {
 namespace {
-
-// Owns a file descriptor.
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 bool isDirectory(const std::string& path) {
   struct stat st;
@@ -41,28 +27,6 @@ bool isDirectory(const std::string& path) {
 bool exists(const std::string& path) {
   struct stat st;
   return ::stat(path.c_str(), &st) == 0;
-}
-
-// The whole file into `buffer`; false when it cannot be opened or read, or is
-// not a regular file (a FIFO named like a body must not stall the read).
-bool readWhole(const std::string& path, std::string& buffer) {
-  buffer.clear();
-  Descriptor fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-  if (fd.get() < 0) return false;
-  struct stat st;
-  if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
-  // The size only sizes the first allocation; the read itself decides the length.
-  buffer.reserve(static_cast<size_t>(std::clamp<off_t>(st.st_size, 0, off_t{64} << 20)));
-  char chunk[64 * 1024];
-  for (;;) {
-    const ssize_t got = ::read(fd.get(), chunk, sizeof chunk);
-    if (got < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    if (got == 0) return true;
-    buffer.append(chunk, static_cast<size_t>(got));
-  }
 }
 
 }  // namespace
@@ -126,7 +90,7 @@ Body load(int64_t id, std::string_view root, Census& census) {
   thread_local std::string buffer;
   for (const std::string& path : bodyPaths(root, id)) {
     if (!exists(path)) continue;
-    if (!readWhole(path, buffer) || buffer.empty()) {
+    if (!TeskFile::readRegular(path, buffer, SIZE_MAX) || buffer.empty()) {
       census.record(Tier::unreadable);
       return Body{std::nullopt, Tier::unreadable};
     }

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <set>
 
+#include "cli/TeskFile.h"
 #include "cli/TeskText.h"
 #include "report/TeskJSONValue.h"
 #include "sources/messages/TeskIdentity.h"
@@ -241,17 +241,8 @@ std::optional<MeCard> selfCard(const std::string& home) {
   if (me) handles.insert(me->handles.begin(), me->handles.end());
   // The account file is a few hundred bytes; anything far larger is not it.
   constexpr size_t kMaxAccountFile = 1 << 20;
-  std::ifstream in(home + "/.harbend/account.json", std::ios::binary);
-  std::string text;
-  bool whole = false;
-  char chunk[4096];
-  while (in && text.size() <= kMaxAccountFile) {
-    in.read(chunk, sizeof chunk);
-    text.append(chunk, static_cast<size_t>(in.gcount()));
-    whole = in.eof();
-  }
-  if (whole && text.size() <= kMaxAccountFile) {
-    if (auto handle = accountHandle(text)) handles.insert(std::move(*handle));
+  if (auto text = TeskFile::readRegular(home + "/.harbend/account.json", kMaxAccountFile)) {
+    if (auto handle = accountHandle(*text)) handles.insert(std::move(*handle));
   }
   if (handles.empty()) return std::nullopt;
   return MeCard{me ? me->name : std::string(),
