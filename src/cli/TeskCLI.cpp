@@ -322,6 +322,7 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
   }
 
   ReadContext ctx{verb, opts, filter, env, now, keys};
+  std::vector<std::string> read;  // the keys whose reader ran
   for (const SourceReader& reader : sourceReaders()) {
     if (selfQuery) break;
     std::vector<std::string> requested;
@@ -330,6 +331,7 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
     }
     if (requested.empty()) continue;
     reader.read(ctx, requested, acc);
+    read.insert(read.end(), requested.begin(), requested.end());
     if (acc.fatalStoreError) {
       return finishEarly("tesk: " + *acc.fatalStoreError, storeUnavailable);
     }
@@ -344,6 +346,10 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
     acc.notes.push_back(
         "read from a snapshot (db+-wal+-shm copied) — the live handle could not see the WAL");
   }
+  // What was read is only as current as its stores: the doctor's verdicts, from each
+  // store's newest row.
+  StaleAnswer stale = staleSources(read, env, now);
+  if (stale.note) acc.notes.push_back(*stale.note);
   // The decode notes take their place here once the census is final (see below).
   const auto decodeNotesAt = static_cast<std::ptrdiff_t>(acc.notes.size());
   auto notesWithDecode = [&] {
@@ -363,6 +369,7 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
   TeskReceipt& r = acc.receipt;
   r.rowsTotal = static_cast<int64_t>(acc.rows.size());
   r.denied = acc.denied;
+  r.stale = stale.keys;
   r.perSource = acc.perSource;
   r.horizons = acc.horizons;
   if (acc.horizon) r.horizon = acc.horizon;

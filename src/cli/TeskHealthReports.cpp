@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "cli/TeskReports.h"
+#include "cli/TeskTime.h"
 #include "health/TeskDoctor.h"
 #include "health/TeskGrant.h"
 
@@ -24,6 +25,26 @@ DoctorAnswer doctorReport(const Environment& env) {
   std::sort(a.stale.begin(), a.stale.end());
   a.stale.erase(std::unique(a.stale.begin(), a.stale.end()), a.stale.end());
   a.exit = a.stale.empty() ? success : drift;
+  return a;
+}
+
+StaleAnswer staleSources(const std::vector<std::string>& keys, const Environment& env, double now) {
+  StaleAnswer a;
+  std::vector<TeskDoctor::Row> rows = TeskDoctor::verdicts(now, env.home, keys);
+  std::sort(rows.begin(), rows.end(),
+            [](const TeskDoctor::Row& x, const TeskDoctor::Row& y) { return x.key < y.key; });
+  std::string named;
+  for (const TeskDoctor::Row& r : rows) {
+    using V = TeskDoctor::Verdict;
+    if (r.verdict != V::stale && r.verdict != V::dead && r.verdict != V::denied) continue;
+    a.keys.push_back(r.key);
+    named += (named.empty() ? "" : ", ") + r.key + " " + std::string(rawValue(r.verdict));
+    if (r.verdict != V::denied) {
+      named +=
+          r.newest > 0 ? " (newest row " + TeskTime::isoString(r.newest) + ")" : " (no dated row)";
+    }
+  }
+  if (!named.empty()) a.note = "stale by the rules of `tesk doctor`: " + named;
   return a;
 }
 

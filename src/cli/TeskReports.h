@@ -37,6 +37,14 @@ struct DoctorAnswer {
 };
 DoctorAnswer doctorReport(const Environment& env);
 
+// The sources among `keys` whose stores the doctor's rules call STALE, DEAD or DENIED
+// (each store asked for its newest row alone), sorted, and the note that names them.
+struct StaleAnswer {
+  std::vector<std::string> keys;
+  std::optional<std::string> note;
+};
+StaleAnswer staleSources(const std::vector<std::string>& keys, const Environment& env, double now);
+
 struct BucketAnswer {
   std::vector<std::string> lines;
   int64_t buckets = 0;

@@ -63,6 +63,9 @@ Probe makeProbe(std::string key, Category category, std::vector<std::string> pat
   return p;
 }
 
+// full: every count the doctor prints; newest: only what a verdict needs.
+enum class Depth { full, newest };
+
 // What the opened stores of one probe add up to.
 struct Reading {
   int opened = 0;
@@ -117,12 +120,95 @@ std::string failureText(const TeskStoreError& e, const std::string& path) {
   }
 }
 
-void readStore(const Probe& probe, const std::string& path, double now, Reading& reading) {
+// Conditions on the raw column that together select the rows whose instant lies in
+// [earliestPlausible, until] (`op` is "<=" or "<" at the upper end), one per stretch of
+// raw values over which the store's conversion rises, so the MAX of a stretch is its
+// newest row: one index entry when the column leads an index, one plain pass when not.
+// Grouped by the instants they reach, newest group first: a group with a row outdates
+// every later group.
+std::vector<std::vector<std::string>> stretches(Probe::Epoch epoch, const std::string& c,
+                                                double until, const std::string& op) {
+  const double from = TeskTime::earliestPlausible;
+  const auto upTo = [&](const std::string& lower, double scale, double offset) {
+    return lower + " AND " + c + " " + op + " " + number((until - offset) * scale);
+  };
+  std::vector<std::vector<std::string>> groups;
+  switch (epoch) {
+    case Probe::Epoch::apple: {
+      // The magnitude decides the unit (seconds up to 1e12, nanoseconds above) and 0 is
+      // no date: seconds and nanoseconds after 2001, then before it, then 0.
+      const double apple = TeskTime::appleEpochOffset;
+      groups.push_back(
+          {upTo(c + " > 0 AND " + c + " <= 1e12", 1, apple), upTo(c + " > 1e12", 1e9, apple)});
+      groups.push_back({c + " >= " + number(std::max(from - apple, -1e12)) + " AND " + c + " < 0",
+                        c + " < -1e12 AND " + c + " >= " + number((from - apple) * 1e9)});
+      break;
+    }
+    case Probe::Epoch::webkit:
+      groups.push_back(
+          {upTo(c + " <> 0 AND " + c + " >= " + number((from - TeskTime::webkitEpochOffset) * 1e6),
+                1e6, TeskTime::webkitEpochOffset)});
+      break;
+    case Probe::Epoch::unixSeconds:
+      groups.push_back({upTo(c + " >= " + number(from), 1, 0)});
+      break;
+  }
+  // Apple and WebKit dates keep 0 for "no date", which reads as the instant 0.
+  if (epoch != Probe::Epoch::unixSeconds && TeskTime::plausible(0)) groups.push_back({c + " = 0"});
+  return groups;
+}
+
+// The newest instant among the rows dated in [earliestPlausible, until]; nothing when
+// there is none. The newest raw value of each stretch, converted as the full reading
+// converts.
+std::optional<double> newestUpTo(TeskStore& store, const Probe& probe, double until,
+                                 const std::string& op) {
+  std::optional<double> newest;
+  for (const auto& group : stretches(probe.epoch, probe.column, until, op)) {
+    std::string sql;
+    for (const std::string& where : group) {
+      sql += sql.empty() ? "SELECT MAX(t) FROM (" : " UNION ALL ";
+      sql += "SELECT " + unixExpression(probe.epoch, "m") + " AS t FROM (SELECT MAX(" +
+             probe.column + ") AS m FROM " + probe.table + " WHERE " + where + ")";
+    }
+    store.query(sql + ")", [&](const TeskRowReader& row) {
+      if (!row.isNull(0)) newest = row.real(0);
+    });
+    if (newest) break;
+  }
+  return newest;
+}
+
+// Only what a verdict needs: the newest dated row, and whether any row counts. The
+// counts of future, undated and out-of-range rows would take a scan of every row.
+void readNewest(const Probe& probe, TeskStore& store, double now, Reading& reading) {
+  const std::optional<double> newest = newestUpTo(store, probe, now + 3600, "<=");
+  const bool counted = probe.forwardLooking
+                           ? newestUpTo(store, probe, TeskTime::latestPlausible, "<").has_value()
+                           : newest.has_value();
+  if (newest) reading.newest = std::max(reading.newest, *newest);
+  reading.count += counted ? 1 : 0;
+}
+
+void readStore(const Probe& probe, const std::string& path, double now, Depth depth,
+               Reading& reading) {
   std::optional<TeskStore> store;
   try {
     store.emplace(path);
   } catch (const TeskStoreError& e) {
     if (!reading.failure) reading.failure = e.description();
+    return;
+  }
+  if (depth == Depth::newest) {
+    try {
+      readNewest(probe, *store, now, reading);
+    } catch (const TeskStoreError& e) {
+      if (!reading.failure) reading.failure = failureText(e, path);
+      return;
+    }
+    ++reading.opened;
+    reading.modified = std::max(reading.modified, store->sourceModified());
+    reading.modes.insert(std::string(::rawValue(store->mode())));
     return;
   }
   // One pass: every row is dated (and then in the past, ahead, or no instant at
@@ -170,7 +256,7 @@ std::string joined(const std::set<std::string>& modes) {
   return out;
 }
 
-Row probeRow(const Probe& probe, double now, const std::optional<std::string>& cause) {
+Row probeRow(const Probe& probe, double now, const std::optional<std::string>& cause, Depth depth) {
   Row row;
   row.key = probe.key;
   row.category = probe.category;
@@ -184,7 +270,7 @@ Row probeRow(const Probe& probe, double now, const std::optional<std::string>& c
   }
 
   Reading reading;
-  for (const std::string& path : paths) readStore(probe, path, now, reading);
+  for (const std::string& path : paths) readStore(probe, path, now, depth, reading);
   row.stores = reading.opened;
   if (reading.opened == 0) {
     row.verdict = Verdict::denied;
@@ -240,6 +326,28 @@ std::string ageText(double hours) {
   char buf[64];
   std::snprintf(buf, sizeof buf, "%.1f", hours);
   return buf;
+}
+
+// One row per probe, in order; one account lookup per provider per run.
+std::vector<Row> probeRows(double now, const std::string& home, const std::vector<Probe>& table,
+                           Depth depth) {
+  std::vector<Row> rows;
+  std::map<std::string, std::optional<TeskGrant::Status>> statuses;
+  for (const Probe& probe : table) {
+    std::optional<std::string> cause;
+    if (probe.provider) {
+      auto it = statuses.find(*probe.provider);
+      if (it == statuses.end()) {
+        it = statuses.emplace(*probe.provider, TeskGrant::status(*probe.provider, home)).first;
+      }
+      const auto& s = it->second;
+      if (s && ((s->active && !s->authenticated) || s->lastError)) {
+        cause = *probe.provider + ": " + s->summary();
+      }
+    }
+    rows.push_back(probeRow(probe, now, cause, depth));
+  }
+  return rows;
 }
 
 }  // namespace
@@ -365,25 +473,18 @@ std::vector<Probe> probes(const std::string& home) {
 }
 
 std::vector<Row> run(double now, const std::string& home) {
-  std::vector<Row> rows;
-  // One account lookup per provider per run.
-  std::map<std::string, std::optional<TeskGrant::Status>> statuses;
-  for (const Probe& probe : probes(home)) {
-    std::optional<std::string> cause;
-    if (probe.provider) {
-      auto it = statuses.find(*probe.provider);
-      if (it == statuses.end()) {
-        it = statuses.emplace(*probe.provider, TeskGrant::status(*probe.provider, home)).first;
-      }
-      const auto& s = it->second;
-      if (s && ((s->active && !s->authenticated) || s->lastError)) {
-        cause = *probe.provider + ": " + s->summary();
-      }
-    }
-    rows.push_back(probeRow(probe, now, cause));
-  }
+  std::vector<Row> rows = probeRows(now, home, probes(home), Depth::full);
   rows.push_back(TeskOptelHealth::row(home, now));
   return rows;
+}
+
+std::vector<Row> verdicts(double now, const std::string& home,
+                          const std::vector<std::string>& keys) {
+  std::vector<Probe> asked;
+  for (Probe& p : probes(home)) {
+    if (std::find(keys.begin(), keys.end(), p.key) != keys.end()) asked.push_back(std::move(p));
+  }
+  return probeRows(now, home, asked, Depth::newest);
 }
 
 std::vector<std::string> render(const std::vector<Row>& rows) {

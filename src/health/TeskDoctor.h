@@ -76,6 +76,14 @@ std::vector<Probe> probes(const std::string& home);
 // One row per probe in table order, then the capture-heartbeat row. Never throws.
 std::vector<Row> run(double now, const std::string& home);
 
+// The rows of the probes whose key is in `keys`, in table order, without the capture
+// heartbeat: the probes, causes and rules of `run`, but each store is asked only for its
+// newest dated row, which a date index answers without reading the table, so a rows verb
+// can afford it. `count` is then 1 for a store with a counted row, and `future`,
+// `undated`, `outOfRange` and `detail` stay unfilled: rows for verdicts, not for printing.
+std::vector<Row> verdicts(double now, const std::string& home,
+                          const std::vector<std::string>& keys);
+
 // The doctor verb's lines: header, one line per row, then the DEAD, PARTIAL, CAUSE and
 // DENIED explanation blocks for the verdicts present.
 std::vector<std::string> render(const std::vector<Row>& rows);

@@ -196,6 +196,43 @@ TEST(BlackBox, MessagesAnswerWithReceiptsAndExitCodes) {
   EXPECT_TRUE(has(limited.lines[0], " --cursor "));
 }
 
+// A rows answer names in `stale` the sources it read whose stores the doctor's rules call
+// STALE, DEAD or DENIED, so `--assert fresh` can fail.
+TEST(BlackBox, FreshHoldsWhatWasReadToTheDoctorsVerdicts) {
+  Home h;  // messages an hour old
+  auto mail = tesk_test::createStore(h.home.file("Library/Mail/V10/MailData/Envelope Index"),
+                                     "mail-index.sql");
+  const auto monthsAgo = static_cast<int64_t>(time(nullptr)) - 300 * 86400;
+  tesk_test::exec(mail.get(),
+                  "INSERT INTO messages (global_message_id, subject, mailbox, date_received) "
+                  "VALUES (1, 1, 1, " +
+                      std::to_string(monthsAgo) + ")");
+  mail.reset();
+  const struct {
+    std::vector<std::string> args;
+    int exit;
+    std::string stale;  // the receipt's list, empty when it has none
+  } cases[] = {
+      {{"im", "--assert", "fresh"}, 0, ""},
+      {{"mail", "--since", "5y", "--assert", "fresh"}, 3, R"(["mail"])"},  // a mirror gone quiet
+      {{"cal", "--assert", "fresh"}, 3, R"(["cal"])"},  // the calendar is not on this Mac
+      {{"span", "--src", "mail,im", "--since", "5y"}, 0, R"(["mail"])"},
+  };
+  for (const auto& c : cases) {
+    Answer a = tesk(c.args, h.path());
+    SCOPED_TRACE(a.text);
+    EXPECT_EQ(a.exit, c.exit);
+    ASSERT_GE(a.lines.size(), 3u);
+    EXPECT_EQ(a.lines[0], a.lines[a.lines.size() - (c.exit == 3 ? 2 : 1)]);
+    EXPECT_EQ(has(a.lines[0], "\"stale\":"), !c.stale.empty());
+    if (c.stale.empty()) continue;
+    EXPECT_TRUE(has(a.lines[0], "\"stale\":" + c.stale));
+    if (c.exit == 3) {
+      EXPECT_EQ(a.lines.back(), "tesk: assertion failed: fresh (actual: stale=" + c.stale + ")");
+    }
+  }
+}
+
 // The census, buckets and counts read no body, so they decode none, and the receipt
 // says so; the rows answer on the same store decodes all five.
 TEST(BlackBox, AnswersThatReadNoBodyDecodeNone) {
