@@ -26,7 +26,9 @@ std::optional<std::string> idText(const TeskJSONValue::Value& id) {
   std::string out;
   if (const std::string* s = id.string()) {
     TeskJSON::appendString(out, *s);
-  } else if (const double* d = id.number(); !d || !TeskJSON::appendNumber(out, *d)) {
+  } else if (id.number()) {
+    out = id.numberText;  // as sent: a client matches answers to requests by it
+  } else {
     return std::nullopt;
   }
   return out;

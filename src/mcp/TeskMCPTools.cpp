@@ -142,7 +142,7 @@ CommandLine commandLine(std::string_view program, std::string_view tool,
   };
   const TeskAPI::Verb* verb = findVerb(tool);
   if (!verb) return invalid("Unknown tool: " + std::string(tool));
-  static const TeskJSONValue::Value none{TeskJSONValue::Object{}};
+  static const TeskJSONValue::Value none{TeskJSONValue::Object{}, {}};
   if (!arguments || arguments->isNull()) arguments = &none;
   if (!arguments->object()) return invalid("arguments must be an object");
   const bool selectable = takesSelectors(verb->name);

@@ -151,6 +151,7 @@ class Parser {
     // Out of range is refused: a double cannot hold it and JSON has no infinity.
     if (ec != std::errc() || ptr != s_.data() + i_ || !std::isfinite(d)) return false;
     out.v = d;
+    out.numberText.assign(s_.data() + start, i_ - start);
     return true;
   }
 

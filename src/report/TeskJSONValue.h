@@ -20,9 +20,11 @@ using Array = std::vector<Value>;
 // member() reads a repeated key's last value, as most parsers do.
 using Object = std::vector<std::pair<std::string, Value>>;
 
-// One parsed JSON value. Numbers are doubles.
+// One parsed JSON value. Numbers are doubles, and keep their text as written: a
+// double cannot hold every integer (a JSON-RPC id above 2^53 must come back as sent).
 struct Value {
   std::variant<std::nullptr_t, bool, double, std::string, Array, Object> v = nullptr;
+  std::string numberText;
 
   bool isNull() const { return std::holds_alternative<std::nullptr_t>(v); }
   // The payload when the value has that type, else null.

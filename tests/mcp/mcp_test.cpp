@@ -161,6 +161,18 @@ TEST(TeskMCPServer, AnswersBadMessagesAndGoesOn) {
   EXPECT_TRUE(huge.member("id")->isNull());
 }
 
+// A client matches answers to requests by id: a number comes back exactly as sent,
+// even one a double cannot hold.
+TEST(TeskMCPServer, EchoesTheIdAsSent) {
+  Recorder rec;
+  TeskMCPServer server = rec.server();
+  for (const std::string id : {"9007199254740993", "-12", "1.50", "2E3", "\"x\""}) {
+    auto out = send(server, "{\"jsonrpc\":\"2.0\",\"id\":" + id + ",\"method\":\"ping\"}");
+    ASSERT_TRUE(out) << id;
+    EXPECT_EQ(out->rfind("{\"id\":" + id + ",", 0), 0u) << *out;
+  }
+}
+
 TEST(TeskMCPServer, StaysSilentForNotificationsResponsesAndBlankLines) {
   Recorder rec;
   TeskMCPServer server = rec.server();
