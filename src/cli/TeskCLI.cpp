@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <map>
 
 #include "cli/TeskAPI.h"
 #include "cli/TeskOptions.h"
@@ -19,6 +20,7 @@
 #include "report/TeskEmitter.h"
 #include "report/TeskGotchas.h"
 #include "report/TeskReceipt.h"
+#include "report/TeskRowStream.h"
 #include "sources/messages/TeskContacts.h"
 #include "sources/messages/TeskPeople.h"
 
@@ -125,14 +127,31 @@ bool contains(const std::vector<std::string>& v, const std::string& k) {
   return std::find(v.begin(), v.end(), k) != v.end();
 }
 
-// The page after a cursor: the merged rows are in answer order, oldest first, so the
-// rows the earlier pages showed are the newest ones, at the end.
-void applyCursor(const TeskCursor& cursor, Accumulator& acc) {
-  auto shown = std::partition_point(acc.rows.begin(), acc.rows.end(),
-                                    [&cursor](const TeskRow& row) { return cursor.admits(row); });
-  for (auto it = shown; it != acc.rows.end(); ++it) --acc.perSource[it->src];
-  acc.rows.erase(shown, acc.rows.end());
-}
+// Every feed on one time axis, newest first, less the rows an earlier page showed
+// (they are the newest, so they come first), counted per source as they are cut.
+class AnswerRows final : public TeskRowStream {
+ public:
+  AnswerRows(std::vector<Feed>& feeds, const std::optional<TeskCursor>& cursor) : cursor_(cursor) {
+    for (Feed& feed : feeds) merged_.add(*feed.rows);
+  }
+
+  const TeskRow* next() override {
+    const TeskRow* row = merged_.next();
+    for (; row && cursor_ && !cursor_->admits(*row); row = merged_.next()) ++cut_[row->src];
+    if (row) ++total_;
+    return row;
+  }
+
+  // The rows that went out, and those cut per source.
+  int64_t total() const { return total_; }
+  const std::map<std::string, int64_t>& cut() const { return cut_; }
+
+ private:
+  TeskRowMerge merged_;
+  const std::optional<TeskCursor>& cursor_;
+  std::map<std::string, int64_t> cut_;
+  int64_t total_ = 0;
+};
 
 // The start of the window every page of one answer must share: the given or default
 // --since, pinned to its exact instant so a relative one does not move with the clock;
@@ -337,7 +356,18 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
     }
   }
 
-  if (opts.cursor) applyCursor(*opts.cursor, acc);
+  AnswerRows answer(acc.feeds, opts.cursor);
+  {
+    std::vector<TeskRow> newestFirst;
+    while (const TeskRow* row = answer.next()) newestFirst.push_back(*row);
+    acc.rows.assign(std::make_move_iterator(newestFirst.rbegin()),
+                    std::make_move_iterator(newestFirst.rend()));
+  }
+  // The producers' counts are final once their rows have all passed.
+  for (Feed& feed : acc.feeds) feed.finish(acc);
+  acc.feeds.clear();  // the stores close here, before the answer is written
+  if (acc.fatalStoreError) return finishEarly("tesk: " + *acc.fatalStoreError, storeUnavailable);
+  for (const auto& [src, n] : answer.cut()) acc.perSource[src] -= n;
 
   // Notes that follow the producers' own.
   if (acc.calendarForwardNote) acc.notes.push_back(*acc.calendarForwardNote);

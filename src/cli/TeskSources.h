@@ -3,6 +3,7 @@
 // producer that lands replaces its "no producer yet" denial by registering here.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -13,6 +14,7 @@
 #include "cli/TeskOptions.h"
 #include "report/TeskReceipt.h"
 #include "report/TeskRow.h"
+#include "report/TeskRowStream.h"
 #include "sources/messages/TeskFilter.h"
 
 class TeskStore;
@@ -29,8 +31,19 @@ struct ReadContext {
   std::vector<std::string> keys;  // the expanded --src keys
 };
 
-// What readers add to: the merged rows and the receipt's denominators.
+struct Accumulator;
+
+// One producer's rows as it reads them, and what it adds to the receipt once they have
+// all passed (its counts are final only then).
+struct Feed {
+  std::shared_ptr<TeskStore> store;  // held while `rows` reads from it
+  std::unique_ptr<TeskRowStream> rows;
+  std::function<void(Accumulator&)> finish;
+};
+
+// What readers add to: their feeds and the receipt's denominators.
 struct Accumulator {
+  std::vector<Feed> feeds;  // in reading order
   std::vector<TeskRow> rows;
   std::vector<std::string> denied;
   std::vector<std::string> notes;
@@ -49,7 +62,7 @@ struct Accumulator {
 
 struct SourceReader {
   std::vector<std::string> keys;  // the source keys this reader serves
-  // Reads the requested keys among `keys` and merges into the accumulator.
+  // Opens the requested keys among `keys` and adds their feed to the accumulator.
   void (*read)(const ReadContext& ctx, const std::vector<std::string>& requested, Accumulator& acc);
 };
 

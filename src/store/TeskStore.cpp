@@ -394,34 +394,55 @@ void TeskStore::copyInto(const std::string& copy, bool hotJournal) const {
   }
 }
 
-void TeskStore::query(const std::string& sql, const std::vector<TeskValue>& binds,
-                      TeskRowCallback row) {
+void TeskStore::Cursor::Finalize::operator()(sqlite3_stmt* stmt) const { sqlite3_finalize(stmt); }
+
+TeskStore::Cursor::Cursor(TeskStore& store, const std::string& sql,
+                          const std::vector<TeskValue>& binds)
+    : db_(store.db_.get()), reader_(nullptr) {
   if (!db_) throw TeskStoreError::sql("closed");
-  sqlite3* db = db_.get();
-  Statement stmt = prepare(db, sql);
-  if (!stmt) throw failure(db);
+  stmt_.reset(prepare(db_, sql).release());
+  if (!stmt_) throw failure(db_);
+  reader_ = TeskRowReader(stmt_.get());
+  rebind(binds);
+}
+
+void TeskStore::Cursor::rebind(const std::vector<TeskValue>& binds) {
+  sqlite3_stmt* stmt = stmt_.get();
+  sqlite3_reset(stmt);
+  done_ = false;
   for (size_t k = 0; k < binds.size(); ++k) {
     const TeskValue& v = binds[k];
     int index = static_cast<int>(k + 1);
     switch (v.type()) {
       case TeskValue::Type::integer:
-        sqlite3_bind_int64(stmt.get(), index, v.integer());
+        sqlite3_bind_int64(stmt, index, v.integer());
         break;
       case TeskValue::Type::real:
-        sqlite3_bind_double(stmt.get(), index, v.real());
+        sqlite3_bind_double(stmt, index, v.real());
         break;
       case TeskValue::Type::text:
-        sqlite3_bind_text(stmt.get(), index, v.text().c_str(), -1, SQLITE_TRANSIENT);
+        sqlite3_bind_text(stmt, index, v.text().c_str(), -1, SQLITE_TRANSIENT);
         break;
       case TeskValue::Type::null:
-        sqlite3_bind_null(stmt.get(), index);
+        sqlite3_bind_null(stmt, index);
         break;
     }
   }
-  const TeskRowReader reader(stmt.get());
-  int rc;
-  while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW) row(reader);
-  if (rc != SQLITE_DONE) throw failure(db);
+}
+
+bool TeskStore::Cursor::next() {
+  if (done_) return false;
+  const int rc = sqlite3_step(stmt_.get());
+  if (rc == SQLITE_ROW) return true;
+  done_ = true;
+  if (rc != SQLITE_DONE) throw failure(db_);
+  return false;
+}
+
+void TeskStore::query(const std::string& sql, const std::vector<TeskValue>& binds,
+                      TeskRowCallback row) {
+  Cursor cursor(*this, sql, binds);
+  while (cursor.next()) row(cursor.row());
 }
 
 bool TeskStore::tableExists(const std::string& name) {

@@ -4,7 +4,8 @@
 // (db, -wal, -shm) is read instead. A read is never silently stale.
 //
 // Every statement goes through the small runner below: prepare, bind, step,
-// hand each row to a callback, finalize. Callers never see a statement handle.
+// hand each row to a callback (or to whoever pulls the next row), finalize. Callers
+// never see a statement handle.
 #pragma once
 
 #include <cstdint>
@@ -22,6 +23,7 @@
 #include "store/TeskValue.h"
 
 struct sqlite3;
+struct sqlite3_stmt;
 class TeskFunctions;
 
 // How the connection was obtained.
@@ -78,6 +80,32 @@ class TeskStore {
   // iteration and propagates unchanged. The statement is always finalized.
   void query(const std::string& sql, const std::vector<TeskValue>& binds, TeskRowCallback row);
   void query(const std::string& sql, TeskRowCallback row) { query(sql, {}, row); }
+
+  // A statement read one row at a time, for a producer that hands each row on as it
+  // reads it (`query` is a cursor drained into a callback). It must not outlive its
+  // store; several may be open on one store at once.
+  class Cursor {
+   public:
+    // Prepares `sql` with `binds`; throws as `query` does.
+    Cursor(TeskStore& store, const std::string& sql, const std::vector<TeskValue>& binds = {});
+    // Steps onto the next row; false at the end, and on every call after it (SQLite
+    // would start over). Throws TeskStoreError::sql with SQLite's message on a step
+    // error.
+    bool next();
+    // The current row, valid until the next step.
+    const TeskRowReader& row() const { return reader_; }
+    // Starts the statement over with new binds.
+    void rebind(const std::vector<TeskValue>& binds);
+
+   private:
+    struct Finalize {
+      void operator()(sqlite3_stmt* stmt) const;
+    };
+    sqlite3* db_;
+    std::unique_ptr<sqlite3_stmt, Finalize> stmt_;
+    TeskRowReader reader_;
+    bool done_ = false;
+  };
 
   // True when a table or view named `name` exists. Never throws (false when unsure).
   bool tableExists(const std::string& name);

@@ -425,158 +425,265 @@ Result stats(TeskStore& store, const Filter& filter) {
 
 namespace {
 
-// The visible attachments of messages lo..hi (two binds): the message id, then `columns`.
-std::string visibleAttachments(const Schema& schema, const char* columns) {
+// The visible attachments of one message or of every message: message id, then `columns`.
+std::string visibleAttachments(const Schema& schema, const char* columns, bool oneMessage) {
   std::string sql = std::string("SELECT maj.message_id") + columns +
                     "\nFROM message_attachment_join maj\nJOIN attachment a ON a.ROWID = "
-                    "maj.attachment_id\nWHERE maj.message_id BETWEEN ? AND ?";
+                    "maj.attachment_id\nWHERE ";
+  sql += oneMessage ? "maj.message_id = ?" : "1";
   if (schema.hideAttachment) sql += " AND COALESCE(a.hide_attachment, 0) = 0";
   return sql;
 }
 
-void attachRows(TeskStore& store, const Schema& schema, const std::string& home,
-                const std::unordered_map<int64_t, std::vector<size_t>>& index, int64_t lo,
-                int64_t hi, Result& result) {
-  const std::string sql =
-      visibleAttachments(schema, ", a.filename, a.transfer_name, a.mime_type, a.total_bytes") +
-      "\nORDER BY maj.message_id, a.ROWID";
-  try {
-    store.query(sql, {lo, hi}, [&](const TeskRowReader& r) {
-      auto it = index.find(r.integer(0));
-      if (it == index.end()) return;
-      TeskAttachment a;
-      if (auto f = r.text(1)) {
-        a.path = (!f->empty() && f->front() == '~') ? home + f->substr(1) : *f;
-      }
-      a.name = r.text(2);
-      a.mime = r.text(3);
-      a.bytes = r.integer(4);
-      for (size_t pos : it->second) result.rows[pos].attachments.push_back(a);
-    });
-  } catch (const TeskStoreError&) {
-    // The rows keep what they have; attachments are garnish, not the answer. Their
-    // kind still follows the visible count, which needs no attachment column.
-    try {
-      store.query(visibleAttachments(schema, ""), {lo, hi}, [&](const TeskRowReader& r) {
-        auto it = index.find(r.integer(0));
-        if (it == index.end()) return;
-        for (size_t pos : it->second) {
-          if (result.rows[pos].kind == TeskRow::Kind::empty) {
-            result.rows[pos].kind = TeskRow::Kind::attachment;
-          }
-        }
-      });
-    } catch (const TeskStoreError&) {
-    }
-  }
-  for (TeskRow& row : result.rows) {
-    if (row.kind == TeskRow::Kind::empty && !row.attachments.empty()) {
-      row.kind = TeskRow::Kind::attachment;
-    }
-  }
-}
+// The dates of the main statement, which walks the date index newest first: numbers
+// past 1e12 (nanoseconds since 2001), where ts grows with m.date. '' sorts after every
+// number and before every text or blob, so `< ''` keeps the numbers alone.
+constexpr const char* kNanosecondDate = "m.date > 1000000000000";
+constexpr const char* kNumericDate = "m.date < ''";
+// The rest, which m.date order does not put in ts order (NULL, 0, whole seconds,
+// text): read first, by three searches of the date index.
+constexpr const char* kOtherDates =
+    "m.ROWID IN (SELECT ROWID FROM message WHERE date IS NULL\n"
+    "            UNION ALL SELECT ROWID FROM message WHERE date <= 1000000000000\n"
+    "            UNION ALL SELECT ROWID FROM message WHERE date >= '')";
 
 }  // namespace
 
-Result read(TeskStore& store, const Filter& filter, const std::string& home) {
-  Schema schema = probe(store);
-  Result result;
-  result.unreadSupported = schema.unreadSupported();
-  result.attachmentsSupported = schema.attachments;
+// The statement's rows at one instant, put in answer order before they go out (two
+// nanosecond dates can make one ts).
+class Stream::Dated final : public TeskRowStream {
+ public:
+  Dated(Stream& owner, TeskStore::Cursor cursor) : owner_(owner), cursor_(std::move(cursor)) {}
+
+  const TeskRow* next() override {
+    if (!instant_.empty()) instant_.pop_back();
+    if (instant_.empty()) fill();
+    return instant_.empty() ? nullptr : &instant_.back();
+  }
+
+ private:
+  void fill() {
+    if (ahead_) {
+      instant_.push_back(std::move(*ahead_));
+      ahead_.reset();
+    } else if (TeskRow row; owner_.pull(cursor_, row)) {
+      instant_.push_back(std::move(row));
+    } else {
+      return;
+    }
+    for (TeskRow row; owner_.pull(cursor_, row);) {
+      if (row.ts != instant_.front().ts) {
+        ahead_ = std::move(row);
+        break;
+      }
+      instant_.push_back(std::move(row));
+    }
+    // Oldest first, so the newest is at the back and leaves first.
+    if (instant_.size() > 1) std::sort(instant_.begin(), instant_.end(), TeskRow::answerOrder);
+  }
+
+  Stream& owner_;
+  TeskStore::Cursor cursor_;
+  std::vector<TeskRow> instant_;
+  std::optional<TeskRow> ahead_;
+};
+
+Stream::Stream(TeskStore& store, const Filter& filter, const std::string& home)
+    : store_(store),
+      filter_(filter),
+      home_(home),
+      schema_(probe(store)),
+      wantQuery_(filter.query && !filter.query->empty()),
+      bodies_(filter.bodies || wantQuery_ || filter.grep),
+      needle_(wantQuery_ ? *filter.query : std::string()) {
+  result_.unreadSupported = schema_.unreadSupported();
+  result_.attachmentsSupported = schema_.attachments;
+  // Without bodies no reader looks at a row's files or kind.
+  if (schema_.attachments && bodies_) {
+    try {
+      store_.query(visibleAttachments(schema_, "", false),
+                   [&](const TeskRowReader& r) { withFiles_.insert(r.integer(0)); });
+    } catch (const TeskStoreError&) {
+      // Attachments are garnish, not the answer.
+    }
+  }
 
   // Tapbacks stay in the SQL set so that one pass counts what the receipt needs
   // (tapbacks, orphans, undated rows over the SQL conditions, as stats() does) and
   // no second scan of the store is made; their kind is known without decoding.
-  auto [where, binds] = predicates(schema, filter, false, true);
-  const bool wantQuery = filter.query && !filter.query->empty();
-  const bool bodies = filter.bodies || wantQuery || filter.grep;
-  const std::string sql = readProjection(schema, bodies) + "\nWHERE " + where + "\nORDER BY m.date";
-  TeskFunctions* functions = store.functions();
-  const TeskText::Needle needle(wantQuery ? *filter.query : std::string());
-  std::unordered_map<int64_t, std::vector<size_t>> index;
-  double lo = std::numeric_limits<double>::max(), hi = -lo;
-  int64_t idLo = std::numeric_limits<int64_t>::max(), idHi = std::numeric_limits<int64_t>::min();
+  auto [where, binds] = predicates(schema_, filter, false, true);
+  const std::string select = readProjection(schema_, bodies_) + "\nWHERE " + where;
+  {
+    TeskStore::Cursor others(store_, select + "\n  AND " + kOtherDates, binds);
+    std::vector<TeskRow> rows;
+    for (TeskRow row; pull(others, row);) rows.push_back(std::move(row));
+    others_.emplace(std::move(rows));
+  }
+  // The bounds again as plain ranges, so SQLite searches the date index for them.
+  std::string dated = select + "\n  AND ";
+  const int64_t since = filter.since ? TeskTime::toAppleNanoseconds(*filter.since) : 0;
+  if (since > 1000000000000) {
+    dated += "m.date >= ?";
+    binds.emplace_back(since);
+  } else {
+    dated += kNanosecondDate;
+  }
+  if (filter.until) {
+    dated += " AND m.date <= ?";
+    binds.emplace_back(TeskTime::toAppleNanoseconds(*filter.until));
+  } else {
+    dated += std::string(" AND ") + kNumericDate;
+  }
+  dated_ = std::make_unique<Dated>(
+      *this, TeskStore::Cursor(store_, dated + "\nORDER BY m.date DESC", binds));
+  merge_.add(*others_);
+  merge_.add(*dated_);
+}
 
-  store.query(sql, binds, [&](const TeskRowReader& r) {
-    const int64_t rowID = r.integer(0);
-    const double ts = r.real(1);
-    if (ts > 0 && TeskTime::plausible(ts)) {
-      lo = std::min(lo, ts);
-      hi = std::max(hi, ts);
+Stream::~Stream() = default;
+
+const TeskRow* Stream::next() { return merge_.next(); }
+
+bool Stream::pull(TeskStore::Cursor& cursor, TeskRow& row) {
+  if (error_) return false;
+  try {
+    while (cursor.next()) {
+      if (keep(cursor.row(), row)) return true;
     }
-    const int64_t amt = r.integer(7);
-    const bool tapback = TeskFunctions::isTapback(amt);
-    if (tapback && !filter.includeTapbacks) ++result.excludedTapback;
-    if (r.integer(11) == 0 && r.isNull(5)) ++result.orphans;
-    if (r.isNull(2) || r.integer(2) == 0) ++result.undated;
-    if ((filter.since && ts < *filter.since) || (filter.until && ts > *filter.until)) return;
-    const bool unread = r.integer(12) == 1;
-    if (filter.unreadOnly && !unread) return;
-    if (tapback && !filter.includeTapbacks) return;
-    const bool grp = r.integer(9) == 1;
-    if (grp && !filter.includeGroups) {
-      ++result.excludedGroup;
+  } catch (const TeskStoreError& e) {
+    error_ = e;
+  }
+  return false;
+}
+
+bool Stream::keep(const TeskRowReader& r, TeskRow& row) {
+  const Filter& filter = filter_;
+  Result& result = result_;
+  const int64_t rowID = r.integer(0);
+  const double ts = r.real(1);
+  if (ts > 0 && TeskTime::plausible(ts)) {
+    lo_ = std::min(lo_, ts);
+    hi_ = std::max(hi_, ts);
+  }
+  const int64_t amt = r.integer(7);
+  const bool tapback = TeskFunctions::isTapback(amt);
+  if (tapback && !filter.includeTapbacks) ++result.excludedTapback;
+  if (r.integer(11) == 0 && r.isNull(5)) ++result.orphans;
+  if (r.isNull(2) || r.integer(2) == 0) ++result.undated;
+  if ((filter.since && ts < *filter.since) || (filter.until && ts > *filter.until)) return false;
+  const bool unread = r.integer(12) == 1;
+  if (filter.unreadOnly && !unread) return false;
+  if (tapback && !filter.includeTapbacks) return false;
+  const bool grp = r.integer(9) == 1;
+  if (grp && !filter.includeGroups) {
+    ++result.excludedGroup;
+    return false;
+  }
+  const bool filtered = r.integer(10) == 1;
+  if (filtered && !filter.includeFiltered) {
+    ++result.excludedFiltered;
+    return false;
+  }
+  // Decoded only now, for a row the answer is about; without bodies a row carries
+  // none and is "text" unless it is a tapback (its readers look at neither).
+  static const TeskFunctions::Decoded kUndecoded;
+  TeskFunctions* functions = store_.functions();
+  const TeskFunctions::Decoded& decoded =
+      bodies_ && functions
+          ? functions->decode(rowID, r.textView(8), r.blobView(13).value_or(TeskDecode::Bytes()))
+          : kUndecoded;
+  TeskRow::Kind kind =
+      !bodies_ && !tapback
+          ? TeskRow::Kind::text
+          : TeskRow::kindFromRaw(TeskFunctions::kind(amt, decoded, r.integer(14), 0))
+                .value_or(TeskRow::Kind::empty);
+  std::string_view body =
+      decoded.stripped ? std::string_view(*decoded.stripped) : std::string_view();
+  if (wantQuery_ && !needle_.in(body)) return false;
+  if (filter.grep && !filter.grep->search(body)) return false;
+
+  row = TeskRow();
+  row.id = "im:" + std::to_string(rowID);
+  row.ts = ts;
+  row.src = "im";
+  row.who = std::string(TeskFunctions::who(r.textView(4), r.textView(5), r.integer(6)));
+  row.teskID = TeskIdentity::canonical(row.who);
+  row.dir = r.integer(3) == 1 ? TeskRow::Direction::outgoing : TeskRow::Direction::incoming;
+  row.body = std::string(body);
+  row.group = grp;
+  row.filtered = filtered;
+  row.chatID = r.integer(11);
+  row.unread = unread;
+  if (withFiles_.contains(rowID)) {
+    attach(rowID, row);
+    if (kind == TeskRow::Kind::empty) kind = TeskRow::Kind::attachment;
+  }
+  row.kind = kind;
+  ++kept_;
+  return true;
+}
+
+void Stream::attach(int64_t rowID, TeskRow& row) {
+  if (!files_ && filesReadable_) {
+    try {
+      files_.emplace(
+          store_,
+          visibleAttachments(schema_, ", a.filename, a.transfer_name, a.mime_type, a.total_bytes",
+                             true) +
+              "\nORDER BY a.ROWID",
+          std::vector<TeskValue>{rowID});
+    } catch (const TeskStoreError&) {
+      filesReadable_ = false;  // the row keeps what it has; its kind needs no file column
       return;
     }
-    const bool filtered = r.integer(10) == 1;
-    if (filtered && !filter.includeFiltered) {
-      ++result.excludedFiltered;
-      return;
+  } else if (files_) {
+    files_->rebind({rowID});
+  } else {
+    return;
+  }
+  try {
+    while (files_->next()) {
+      const TeskRowReader& r = files_->row();
+      TeskAttachment a;
+      if (auto f = r.text(1)) {
+        a.path = (!f->empty() && f->front() == '~') ? home_ + f->substr(1) : *f;
+      }
+      a.name = r.text(2);
+      a.mime = r.text(3);
+      a.bytes = r.integer(4);
+      row.attachments.push_back(std::move(a));
     }
-    // Decoded only now, for a row the answer is about; without bodies a row carries
-    // none and is "text" unless it is a tapback (its readers look at neither).
-    static const TeskFunctions::Decoded kUndecoded;
-    const TeskFunctions::Decoded& decoded =
-        bodies && functions
-            ? functions->decode(rowID, r.textView(8), r.blobView(13).value_or(TeskDecode::Bytes()))
-            : kUndecoded;
-    const TeskRow::Kind kind =
-        !bodies && !tapback
-            ? TeskRow::Kind::text
-            : TeskRow::kindFromRaw(TeskFunctions::kind(amt, decoded, r.integer(14), 0))
-                  .value_or(TeskRow::Kind::empty);
-    std::string_view body =
-        decoded.stripped ? std::string_view(*decoded.stripped) : std::string_view();
-    if (wantQuery && !needle.in(body)) return;
-    if (filter.grep && !filter.grep->search(body)) return;
+  } catch (const TeskStoreError&) {
+  }
+}
 
-    TeskRow row;
-    row.id = "im:" + std::to_string(rowID);
-    row.ts = ts;
-    row.src = "im";
-    row.who = std::string(TeskFunctions::who(r.textView(4), r.textView(5), r.integer(6)));
-    row.teskID = TeskIdentity::canonical(row.who);
-    row.dir = r.integer(3) == 1 ? TeskRow::Direction::outgoing : TeskRow::Direction::incoming;
-    row.kind = kind;
-    row.body = std::string(body);
-    row.group = grp;
-    row.filtered = filtered;
-    row.chatID = r.integer(11);
-    row.unread = unread;
-    if (bodies) index[rowID].push_back(result.rows.size());
-    idLo = std::min(idLo, rowID);
-    idHi = std::max(idHi, rowID);
-    result.rows.push_back(std::move(row));
-  });
-
-  if (schema.attachments && !result.rows.empty()) {
-    if (schema.hideAttachment) {
-      result.hiddenAttachments = store.scalarInt(kHiddenCount).value_or(0);
-    }
-    // Without bodies no reader looks at a row's files or kind.
-    if (bodies) attachRows(store, schema, home, index, idLo, idHi, result);
+Result Stream::finish() {
+  if (error_) throw *error_;
+  Result result = result_;
+  if (schema_.attachments && kept_ > 0 && schema_.hideAttachment) {
+    result.hiddenAttachments = store_.scalarInt(kHiddenCount).value_or(0);
   }
   std::optional<TeskSpan> horizon;
-  if (lo <= hi) horizon = TeskSpan{lo, hi};
+  if (lo_ <= hi_) horizon = TeskSpan{lo_, hi_};
   try {
-    if (auto s = storeHorizon(store, result.noInstant)) {
+    if (auto s = storeHorizon(store_, result.noInstant)) {
       horizon =
           horizon ? TeskSpan{std::min(horizon->from, s->from), std::max(horizon->to, s->to)} : *s;
     }
   } catch (const TeskStoreError&) {
   }
   if (horizon && horizon->from <= horizon->to) result.horizon = horizon;
-  result.census = store.decodeCensus();
+  result.census = store_.decodeCensus();
+  return result;
+}
+
+Result read(TeskStore& store, const Filter& filter, const std::string& home) {
+  Stream stream(store, filter, home);
+  std::vector<TeskRow> newestFirst;
+  while (const TeskRow* row = stream.next()) newestFirst.push_back(*row);
+  Result result = stream.finish();
+  result.rows.assign(std::make_move_iterator(newestFirst.rbegin()),
+                     std::make_move_iterator(newestFirst.rend()));
   return result;
 }
 

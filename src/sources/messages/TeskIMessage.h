@@ -9,18 +9,22 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "cli/TeskText.h"
 #include "report/TeskRow.h"
+#include "report/TeskRowStream.h"
 #include "report/TeskSpan.h"
 #include "sources/messages/TeskDecode.h"
 #include "sources/messages/TeskFilter.h"
+#include "store/TeskRowSet.h"
+#include "store/TeskStore.h"
 #include "store/TeskValue.h"
-
-class TeskStore;
 
 namespace TeskIMessage {
 
@@ -43,7 +47,7 @@ struct Schema {
 };
 
 struct Result {
-  std::vector<TeskRow> rows;  // ascending m.date
+  std::vector<TeskRow> rows;  // in answer order (TeskRow::answerOrder)
   TeskDecode::Census census;
   int64_t excludedTapback = 0;
   int64_t excludedGroup = 0;
@@ -80,8 +84,56 @@ std::string joins(const Schema& schema);
 // attachments.
 std::string projection(const Schema& schema);
 
-// The rows and counts for `filter`; throws TeskStoreError when the main statement
-// fails. `home` expands a leading "~" in attachment paths.
+// The rows of `filter` as they are read, newest first, and the counts of a Result once
+// the last has passed. The store must outlive the stream. `home` expands a leading "~"
+// in attachment paths.
+class Stream final : public TeskRowStream {
+ public:
+  // Reads the few messages whose date m.date order cannot place (NULL, whole
+  // seconds, text) and opens the walk down the date index for the rest; throws
+  // TeskStoreError when a statement fails to prepare.
+  Stream(TeskStore& store, const Filter& filter, const std::string& home);
+  ~Stream() override;
+
+  const TeskRow* next() override;
+  // The counts and horizon, rows left empty; call once the stream has ended. Throws
+  // the TeskStoreError that ended it early, if one did.
+  Result finish();
+  // The rows the filter kept so far (all of them once the stream has ended).
+  int64_t kept() const { return kept_; }
+
+ private:
+  class Dated;
+  // Steps `cursor` to the next row the filter keeps; false at the end or on an error
+  // (kept for finish()).
+  bool pull(TeskStore::Cursor& cursor, TeskRow& row);
+  // Counts the row's exclusions; true, with `row` filled, when the answer keeps it.
+  bool keep(const TeskRowReader& r, TeskRow& row);
+  // The row's visible files, in store order.
+  void attach(int64_t rowID, TeskRow& row);
+
+  TeskStore& store_;
+  const Filter& filter_;
+  std::string home_;
+  Schema schema_;
+  bool wantQuery_;
+  bool bodies_;
+  TeskText::Needle needle_;
+  Result result_;
+  double lo_ = std::numeric_limits<double>::max();
+  double hi_ = -std::numeric_limits<double>::max();
+  int64_t kept_ = 0;
+  TeskRowSet withFiles_;  // messages with a visible attachment
+  std::optional<TeskStore::Cursor> files_;
+  bool filesReadable_ = true;
+  std::optional<TeskStoreError> error_;
+  std::optional<TeskRowList> others_;
+  std::unique_ptr<Dated> dated_;
+  TeskRowMerge merge_;
+};
+
+// The rows and counts for `filter`, the stream drained; throws TeskStoreError when
+// a statement fails.
 Result read(TeskStore& store, const Filter& filter, const std::string& home);
 
 // The counts alone (no rows, no decoding); throws TeskStoreError.

@@ -1,0 +1,25 @@
+#include "report/TeskRowStream.h"
+
+#include <algorithm>
+
+TeskRowList::TeskRowList(std::vector<TeskRow>&& rows) : owned_(std::move(rows)) {
+  if (!std::is_sorted(owned_.begin(), owned_.end(), TeskRow::answerOrder)) {
+    std::stable_sort(owned_.begin(), owned_.end(), TeskRow::answerOrder);
+  }
+  rows_ = owned_;
+  left_ = owned_.size();
+}
+
+const TeskRow* TeskRowMerge::next() {
+  if (taken_) taken_->head = taken_->stream->next();
+  taken_ = nullptr;
+  // A handful of sources: a linear look at each head beats a heap.
+  for (Input& in : inputs_) {
+    if (!in.started) {
+      in.head = in.stream->next();
+      in.started = true;
+    }
+    if (in.head && (!taken_ || !TeskRow::answerOrder(*in.head, *taken_->head))) taken_ = &in;
+  }
+  return taken_ ? taken_->head : nullptr;
+}

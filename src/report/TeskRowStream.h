@@ -1,0 +1,59 @@
+// The rows of an answer as they are read, newest first, so that no answer has to hold
+// them all: the census, the buckets and the emitter take each row as it passes.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <span>
+#include <vector>
+
+#include "report/TeskRow.h"
+
+class TeskRowStream {
+ public:
+  TeskRowStream() = default;
+  TeskRowStream(const TeskRowStream&) = delete;
+  TeskRowStream& operator=(const TeskRowStream&) = delete;
+  virtual ~TeskRowStream() = default;
+  // The next row in answer order read backwards (TeskRow::answerOrder, newest first),
+  // valid until the following call; null at the end, and on every call after it.
+  virtual const TeskRow* next() = 0;
+};
+
+// Rows held in answer order (oldest first), handed out from the newest. Borrowed from
+// a span, or owned: a producer that must see all its rows before it can order them
+// (mail, calendar, reminders, browsers) hands them over here.
+class TeskRowList final : public TeskRowStream {
+ public:
+  explicit TeskRowList(std::span<const TeskRow> rows) : rows_(rows), left_(rows.size()) {}
+  // Sorts `rows` into answer order first when they are not (stably: equal rows keep
+  // the producer's order).
+  explicit TeskRowList(std::vector<TeskRow>&& rows);
+
+  const TeskRow* next() override { return left_ == 0 ? nullptr : &rows_[--left_]; }
+
+ private:
+  std::vector<TeskRow> owned_;
+  std::span<const TeskRow> rows_;
+  size_t left_;
+};
+
+// One time axis from several streams: each is newest first, and so is the merge. Rows
+// that tie in answer order (never two of one id) come from the later stream first, the
+// mirror of a stable merge oldest first.
+class TeskRowMerge final : public TeskRowStream {
+ public:
+  // Streams in reading order; they must outlive the merge.
+  void add(TeskRowStream& stream) { inputs_.push_back({&stream, nullptr, false}); }
+
+  const TeskRow* next() override;
+
+ private:
+  struct Input {
+    TeskRowStream* stream;
+    const TeskRow* head;  // its next row, read ahead
+    bool started;
+  };
+  std::vector<Input> inputs_;
+  Input* taken_ = nullptr;  // the input whose head went out last and must move on
+};
