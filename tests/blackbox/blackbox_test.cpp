@@ -1,73 +1,23 @@
 // Whole answers of the built binary: both receipts, the body and the exit code.
 #include <gtest/gtest.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <array>
 #include <filesystem>
 #include <fstream>
 
 #include "cli/TeskText.h"
+#include "common/TeskProcess.h"
 #include "common/TeskTestHome.h"
 #include "health/TestStores.h"
 #include "report/TeskJSONValue.h"
 
-extern char** environ;
-
 namespace {
 
-struct Answer {
-  int exit = -1;
-  std::vector<std::string> lines;
-  std::string text;
-};
+using tesk_test::Answer;
+using tesk_test::has;
 
-// Runs build/tesk with `args`, HOME set to `home` (if not empty), TZ=UTC.
 Answer tesk(const std::vector<std::string>& args, const std::string& home = "/nonexistent-home",
-            const std::string& tmpdir = "") {
-  std::string binary = std::string(TESK_BINARY_DIR) + "/tesk";
-  std::vector<std::string> argv{binary};
-  argv.insert(argv.end(), args.begin(), args.end());
-  std::vector<char*> cargv;
-  for (std::string& a : argv) cargv.push_back(a.data());
-  cargv.push_back(nullptr);
-  std::vector<std::string> env{"HOME=" + home, "TZ=UTC", "PATH=/usr/bin:/bin"};
-  env.push_back("TMPDIR=" +
-                (tmpdir.empty() ? std::filesystem::temp_directory_path().string() : tmpdir));
-  std::vector<char*> cenv;
-  for (std::string& e : env) cenv.push_back(e.data());
-  cenv.push_back(nullptr);
-
-  int fds[2];
-  EXPECT_EQ(pipe(fds), 0);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
-  posix_spawn_file_actions_addclose(&actions, fds[0]);
-  pid_t pid = 0;
-  Answer a;
-  if (posix_spawn(&pid, binary.c_str(), &actions, nullptr, cargv.data(), cenv.data()) != 0) {
-    ADD_FAILURE() << "cannot start " << binary;
-    return a;
-  }
-  posix_spawn_file_actions_destroy(&actions);
-  close(fds[1]);
-  std::array<char, 65536> buf;
-  ssize_t n;
-  while ((n = read(fds[0], buf.data(), buf.size())) > 0) a.text.append(buf.data(), n);
-  close(fds[0]);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  a.exit = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  size_t start = 0;
-  while (start < a.text.size()) {
-    size_t end = a.text.find('\n', start);
-    if (end == std::string::npos) end = a.text.size();
-    a.lines.push_back(a.text.substr(start, end - start));
-    start = end + 1;
-  }
-  return a;
+            const std::string& tmpdir = std::filesystem::temp_directory_path().string()) {
+  return tesk_test::tesk(args, home, tmpdir);
 }
 
 // The first and the last line are the same receipt.
@@ -75,10 +25,6 @@ void expectFramed(const Answer& a) {
   ASSERT_GE(a.lines.size(), 2u) << a.text;
   EXPECT_EQ(a.lines.front().rfind("#tesk {\"v\":1,", 0), 0u) << a.lines.front();
   EXPECT_EQ(a.lines.front(), a.lines.back());
-}
-
-bool has(const std::string& haystack, const std::string& needle) {
-  return haystack.find(needle) != std::string::npos;
 }
 
 TEST(BlackBox, UsageHelpAndUnknownVerbs) {
@@ -274,12 +220,9 @@ TEST(BlackBox, SqlVerbAnswersAndRefusesWrites) {
 // `sql` decodes while its statement runs, so its decode notes follow the statement.
 TEST(BlackBox, SqlReceiptCarriesTheDecodeGate) {
   Home h;
-  {
-    auto db = tesk_test::openDB(h.home.file("Library/Messages/chat.db"));
-    tesk_test::exec(db.get(),
+  tesk_test::makeDB(h.home.file("Library/Messages/chat.db"),
                     "UPDATE message SET attributedBody = x'00112233445566778899aabbccddeeff' "
                     "WHERE ROWID IN (2, 4)");
-  }
   const std::string gate = "DECODE RATE BELOW GATE — 2 blobs unreadable";
   Answer bodies = tesk({"sql", "SELECT body FROM tesk_message"}, h.path());
   EXPECT_EQ(bodies.exit, 0) << bodies.text;
