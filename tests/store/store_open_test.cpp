@@ -12,6 +12,7 @@
 namespace {
 
 using tesk_test::exec;
+using tesk_test::makeDB;
 using tesk_test::openDB;
 using tesk_test::TempHome;
 namespace fs = std::filesystem;
@@ -38,18 +39,9 @@ class StoreOpenTest : public ::testing::Test {
   TempHome tmp_;
 };
 
-TEST_F(StoreOpenTest, RawValuesOfModes) {
-  EXPECT_EQ(rawValue(TeskOpenMode::liveReadOnly), "ro");
-  EXPECT_EQ(rawValue(TeskOpenMode::snapshot), "snapshot");
-  EXPECT_EQ(rawValue(TeskOpenMode::plain), "plain");
-}
-
 TEST_F(StoreOpenTest, RollbackStoreWithoutWalOpensPlain) {
   std::string path = dir_.file("plain.db");
-  {
-    auto w = openDB(path);
-    exec(w.get(), "CREATE TABLE t(x); INSERT INTO t VALUES (1), (2);");
-  }
+  makeDB(path, "CREATE TABLE t(x); INSERT INTO t VALUES (1), (2);");
   TeskStore store(path, env());
   EXPECT_EQ(store.mode(), TeskOpenMode::plain);
   EXPECT_EQ(store.path(), path);
@@ -85,10 +77,8 @@ TEST_F(StoreOpenTest, LiveReadOnlySeesFramesStillInTheWal) {
 
 TEST_F(StoreOpenTest, WalHeaderWithoutWalFileIsCopiedNotGivenNewFiles) {
   std::string path = dir_.file("walheader.db");
-  {
-    auto w = openDB(path);
-    exec(w.get(), "PRAGMA journal_mode=WAL; CREATE TABLE t(x); INSERT INTO t VALUES (1);");
-  }  // the last close checkpoints and deletes the -wal
+  // The last close checkpoints and deletes the -wal.
+  makeDB(path, "PRAGMA journal_mode=WAL; CREATE TABLE t(x); INSERT INTO t VALUES (1);");
   ASSERT_FALSE(fs::exists(path + "-wal"));
   {
     // A live handle on a WAL-format file would create -wal and -shm beside it.
@@ -196,10 +186,7 @@ TEST_F(StoreOpenTest, RollbackStoreWithAForeignWalReadsItsOwnRows) {
   // A -wal without a valid header holds no frames: the copy reads the whole
   // database (the live handle, which would open -shm beside it, is not used).
   std::string path = dir_.file("rollback.db");
-  {
-    auto w = openDB(path);
-    exec(w.get(), "CREATE TABLE t(x); INSERT INTO t VALUES (1);");
-  }
+  makeDB(path, "CREATE TABLE t(x); INSERT INTO t VALUES (1);");
   { std::ofstream(path + "-wal", std::ios::binary) << std::string(64, '\x5a'); }
   TeskStore store(path, env());
   EXPECT_EQ(store.mode(), TeskOpenMode::snapshot);
@@ -212,10 +199,7 @@ TEST_F(StoreOpenTest, PathsWithUriCharactersOpenLive) {
   for (std::string name : {"a?b.db", "c#d.db", "e%20f.db", "sp ace.db", "ünï.db", "x&y=z;.db"}) {
     SCOPED_TRACE(name);
     std::string path = dir_.file("q?uery#frag/" + name);
-    {
-      auto w = openDB(path);
-      exec(w.get(), "CREATE TABLE t(x); INSERT INTO t VALUES ('" + name + "');");
-    }
+    makeDB(path, "CREATE TABLE t(x); INSERT INTO t VALUES ('" + name + "');");
     TeskStore store(path, env());
     EXPECT_EQ(store.mode(), TeskOpenMode::plain);  // the live URI found the file
     EXPECT_EQ(countRows(store), 1);
@@ -334,10 +318,7 @@ TEST_F(StoreOpenTest, DefaultTemporaryDirectoryComesFromTMPDIR) {
 
 TEST_F(StoreOpenTest, SqlFunctionsAreInstalledInEveryMode) {
   std::string plain = dir_.file("p.db");
-  {
-    auto w = openDB(plain);
-    exec(w.get(), "CREATE TABLE t(x);");
-  }
+  makeDB(plain, "CREATE TABLE t(x);");
   std::string locked = dir_.file("l.db");
   auto w = openDB(locked);
   exec(w.get(), "PRAGMA journal_mode=WAL; PRAGMA locking_mode=EXCLUSIVE; CREATE TABLE t(x);");
