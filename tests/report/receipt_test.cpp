@@ -197,20 +197,4 @@ TEST(TeskReceipt, OptionalPartsAppearOnlyWhenTheyHoldSomething) {
   }
 }
 
-TEST(TeskReceipt, MapKeysAscendWhateverTheInsertionOrder) {
-  TeskReceipt r;
-  for (const char* key : {"safari", "arc", "chrome", "im"}) {
-    r.perSource[key] = 1;
-    r.horizons[key] = TeskSpan{0, 0};
-  }
-  std::string line = r.render();
-  const std::string span = "[\"1970-01-01T00:00:00Z\",\"1970-01-01T00:00:00Z\"]";
-  EXPECT_NE(line.find("\"horizons\":{\"arc\":" + span + ",\"chrome\":" + span + ",\"im\":" + span +
-                      ",\"safari\":" + span + "}"),
-            std::string::npos)
-      << line;
-  EXPECT_NE(line.find("\"per_source\":{\"arc\":1,\"chrome\":1,\"im\":1,\"safari\":1}"),
-            std::string::npos);
-}
-
 }  // namespace
