@@ -44,17 +44,6 @@ TEST(TeskPermission, CanonicalOrderIsStableOverAnyInput) {
               ElementsAre(Door::fullDisk, Door::microphone, Door::microphone));
 }
 
-TEST(TeskPermission, BoardHasSevenDoorsNeverNone) {
-  auto board = TeskPermission::board(grantsOf({Door::screenRecording}));
-  ASSERT_EQ(board.size(), 7u);
-  for (const auto& s : board) {
-    EXPECT_NE(s.door, Door::none);
-    EXPECT_EQ(s.granted, s.door == Door::screenRecording);
-  }
-  EXPECT_EQ(board.front().door, Door::accessibility);
-  EXPECT_EQ(board.back().door, Door::microphone);
-}
-
 TEST(TeskPermission, ServingAvailableBlockedByGrants) {
   struct Case {
     std::set<Door> open;
@@ -113,20 +102,6 @@ TEST(TeskPermission, ReportWithEveryDoorClosed) {
   EXPECT_EQ(lines[lines.size() - 2],
             "# ⚠ a granted door is not fresh data. the stores behind full disk access are");
   EXPECT_EQ(lines.back(), "#   only as current as the account that fills them — see `tesk link`.");
-}
-
-TEST(TeskPermission, ReportWithOnlyFullDiskAccess) {
-  auto lines = TeskPermission::report(grantsOf({Door::fullDisk}));
-  auto blockedLines = linesStarting(lines, "#   ");
-  auto needs = std::count_if(blockedLines.begin(), blockedLines.end(), [](const auto& l) {
-    return l.find(" — needs ") != std::string::npos;
-  });
-  EXPECT_EQ(needs, 7);
-  for (std::string_view s : {"search your message history", "search your mail",
-                             "read your calendar", "find a person by name"}) {
-    EXPECT_THAT(lines, Not(::testing::Contains(HasSubstr(std::string(s) + " — needs"))));
-  }
-  EXPECT_THAT(lines, ::testing::Contains("# ask: what mirel needs — incomplete"));
 }
 
 TEST(TeskPermission, NoBlockedBlockWhenEverythingIsOpen) {
