@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <map>
 
@@ -318,11 +319,16 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
   // about; a book that cannot be read is a denial, so "has no card" is never guessed.
   std::optional<TeskContacts::Roster> roster;
   auto contacts = [&]() -> const TeskContacts::Roster& {
-    if (!roster) {
-      roster = TeskContacts::roster(env.home);
-      for (const std::string& d : roster->denied) acc.denied.push_back("contacts: " + d);
-    }
+    if (!roster) roster = TeskContacts::roster(env.home);
     return *roster;
+  };
+  // Its denials join the others where the books are first needed: before the producers
+  // for a --who name, after them (and their own denials) for an answer that names people.
+  bool booksDenied = false;
+  auto reportBooks = [&] {
+    if (!roster || booksDenied) return;
+    for (const std::string& d : roster->denied) acc.denied.push_back("contacts: " + d);
+    booksDenied = true;
   };
   // `who me` is identity, not a census: the Me card and the account file answer it, so
   // no store is opened and no body decoded (a Mac without chat.db has an owner too).
@@ -332,6 +338,7 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
   // the cards it names, which every producer tests beside its handle match.
   if (filter.who && !filter.who->empty() && !selfQuery) {
     TeskPeople::Resolution named = TeskPeople::resolve(contacts(), *filter.who);
+    reportBooks();
     filter.whoHandles = std::move(named.handles);
     filter.whoGroups = verb == "thread" && !filter.whoHandles.empty();
     named.handles = filter.whoHandles;
@@ -356,17 +363,32 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
     }
   }
 
+  // The answer takes each row as it passes: buckets, the census or the emitter.
+  const bool namesPeople =
+      (verb == "who" && !selfQuery) ||
+      (opts.by && (*opts.by == TeskBucket::Kind::who || *opts.by == TeskBucket::Kind::person));
+  const TeskContacts::Roster noBooks;
+  const TeskContacts::Roster& names = namesPeople ? contacts() : noBooks;
   AnswerRows answer(acc.feeds, opts.cursor);
-  {
-    std::vector<TeskRow> newestFirst;
-    while (const TeskRow* row = answer.next()) newestFirst.push_back(*row);
-    acc.rows.assign(std::make_move_iterator(newestFirst.rbegin()),
-                    std::make_move_iterator(newestFirst.rend()));
+  std::optional<BucketAnswer> buckets;
+  std::optional<WhoAnswer> census;
+  std::optional<TeskEmitter::Output> emitted;
+  if (opts.by && !selfQuery) {
+    buckets = bucketAnswer(answer, *opts.by, names, env);
+  } else if (verb == "who") {
+    census = whoAnswer(answer, opts.text, names, env);
+  } else if (verb != "sql") {
+    emitted = TeskEmitter(opts.format, opts.limit, opts.budget, true, env.tmpdir).emit(answer);
+  }
+  while (answer.next()) {
   }
   // The producers' counts are final once their rows have all passed.
   for (Feed& feed : acc.feeds) feed.finish(acc);
   acc.feeds.clear();  // the stores close here, before the answer is written
-  if (acc.fatalStoreError) return finishEarly("tesk: " + *acc.fatalStoreError, storeUnavailable);
+  if (acc.fatalStoreError) {
+    if (emitted && emitted->spill) std::remove(emitted->spill->c_str());
+    return finishEarly("tesk: " + *acc.fatalStoreError, storeUnavailable);
+  }
   for (const auto& [src, n] : answer.cut()) acc.perSource[src] -= n;
 
   // Notes that follow the producers' own.
@@ -389,15 +411,10 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
     return notes;
   };
 
-  // The answers that name people read the address books before the denials are copied.
-  const bool namesPeople =
-      (verb == "who" && !selfQuery) ||
-      (opts.by && (*opts.by == TeskBucket::Kind::who || *opts.by == TeskBucket::Kind::person));
-  const TeskContacts::Roster noBooks;
-  const TeskContacts::Roster& names = namesPeople ? contacts() : noBooks;
+  reportBooks();
 
   TeskReceipt& r = acc.receipt;
-  r.rowsTotal = static_cast<int64_t>(acc.rows.size());
+  r.rowsTotal = answer.total();
   r.denied = acc.denied;
   r.stale = stale.keys;
   r.perSource = acc.perSource;
@@ -413,19 +430,17 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
   }
 
   std::vector<std::string> body;
-  if (opts.by && !selfQuery) {
-    BucketAnswer b = bucketAnswer(acc.rows, *opts.by, names, env);
-    body = std::move(b.lines);
-    r.rowsTotal = r.rowsOut = b.buckets;
+  if (buckets) {
+    body = std::move(buckets->lines);
+    r.rowsTotal = r.rowsOut = buckets->buckets;
     r.mode = "rows";
-    acc.notes.push_back(b.note);
-  } else if (verb == "who") {
-    WhoAnswer w = whoAnswer(acc.rows, opts.text, names, env);
-    body = std::move(w.lines);
-    r.rowsTotal = r.rowsOut = w.people;
+    acc.notes.push_back(buckets->note);
+  } else if (census) {
+    body = std::move(census->lines);
+    r.rowsTotal = r.rowsOut = census->people;
     r.mode = "rows";
-    acc.notes.insert(acc.notes.end(), w.resolved.begin(), w.resolved.end());
-    acc.notes.push_back(w.note);
+    acc.notes.insert(acc.notes.end(), census->resolved.begin(), census->resolved.end());
+    acc.notes.push_back(census->note);
   } else if (verb == "sql") {
     if (!acc.messageStore) {
       r.notes = acc.notes;
@@ -444,9 +459,8 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
     r.capped = s.rowsOut < s.rowsTotal;
     r.mode = "rows";
     r.decoded = s.census;
-  } else {
-    TeskEmitter emitter(opts.format, opts.limit, opts.budget, true, env.tmpdir);
-    TeskEmitter::Output o = emitter.emit(acc.rows);
+  } else if (emitted) {
+    TeskEmitter::Output& o = *emitted;
     body = std::move(o.lines);
     r.rowsOut = o.rowsOut;
     r.capped = o.capped;

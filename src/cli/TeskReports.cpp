@@ -24,7 +24,7 @@ std::vector<std::string> viewsBody() {
           "#   operators: >= <= > < == ="};
 }
 
-BucketAnswer bucketAnswer(const std::vector<TeskRow>& rows, TeskBucket::Kind kind,
+BucketAnswer bucketAnswer(TeskRowStream& rows, TeskBucket::Kind kind,
                           const TeskContacts::Roster& roster, const Environment& env) {
   BucketAnswer a;
   // A person is the card that holds the handle, else the handle alone.
@@ -65,7 +65,7 @@ BucketAnswer bucketAnswer(const std::vector<TeskRow>& rows, TeskBucket::Kind kin
   return a;
 }
 
-WhoAnswer whoAnswer(const std::vector<TeskRow>& rows, const std::optional<std::string>& query,
+WhoAnswer whoAnswer(TeskRowStream& rows, const std::optional<std::string>& query,
                     const TeskContacts::Roster& roster, const Environment& env) {
   WhoAnswer a;
   const bool self = isSelfQuery(query);

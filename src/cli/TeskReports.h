@@ -11,6 +11,7 @@
 #include "cli/TeskCLI.h"
 #include "report/TeskBucket.h"
 #include "report/TeskRow.h"
+#include "report/TeskRowStream.h"
 #include "sources/messages/TeskContacts.h"
 #include "sources/messages/TeskDecode.h"
 #include "sources/messages/TeskFilter.h"
@@ -51,7 +52,7 @@ struct BucketAnswer {
   std::string note;
 };
 // `roster` names people for the who kind; the time kinds never look at it.
-BucketAnswer bucketAnswer(const std::vector<TeskRow>& rows, TeskBucket::Kind kind,
+BucketAnswer bucketAnswer(TeskRowStream& rows, TeskBucket::Kind kind,
                           const TeskContacts::Roster& roster, const Environment& env);
 
 struct WhoAnswer {
@@ -61,7 +62,7 @@ struct WhoAnswer {
   std::string note;
 };
 // The census; a query that is a contact's name also keeps the rows of that card's handles.
-WhoAnswer whoAnswer(const std::vector<TeskRow>& rows, const std::optional<std::string>& query,
+WhoAnswer whoAnswer(TeskRowStream& rows, const std::optional<std::string>& query,
                     const TeskContacts::Roster& roster, const Environment& env);
 
 struct SqlAnswer {

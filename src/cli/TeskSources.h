@@ -44,7 +44,6 @@ struct Feed {
 // What readers add to: their feeds and the receipt's denominators.
 struct Accumulator {
   std::vector<Feed> feeds;  // in reading order
-  std::vector<TeskRow> rows;
   std::vector<std::string> denied;
   std::vector<std::string> notes;
   std::map<std::string, int64_t> perSource;

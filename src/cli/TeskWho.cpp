@@ -41,6 +41,14 @@ std::vector<WhoRow> whoTable(const std::vector<TeskRow>& rows,
                              const TeskContacts::Roster& roster,
                              const std::optional<TeskContacts::MeCard>& me,
                              const std::vector<std::string>& named) {
+  TeskRowList list(rows);
+  return whoTable(list, query, roster, me, named);
+}
+
+std::vector<WhoRow> whoTable(TeskRowStream& rows, const std::optional<std::string>& query,
+                             const TeskContacts::Roster& roster,
+                             const std::optional<TeskContacts::MeCard>& me,
+                             const std::vector<std::string>& named) {
   std::vector<WhoRow> out;
   if (isSelfQuery(query)) {
     if (me) {
@@ -55,7 +63,8 @@ std::vector<WhoRow> whoTable(const std::vector<TeskRow>& rows,
   const bool filtering = query && !query->empty();
   const std::string queryLower = filtering ? TeskText::lower(*query) : std::string();
   std::map<std::string, Person> people;
-  for (const TeskRow& row : rows) {
+  while (const TeskRow* next = rows.next()) {
+    const TeskRow& row = *next;
     if (row.teskID.empty()) continue;
     if (filtering && !TeskIdentity::matches(*query, row.who) &&
         TeskText::lower(row.teskID).find(queryLower) == std::string::npos &&

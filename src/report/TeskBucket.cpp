@@ -147,11 +147,18 @@ std::string label(Kind kind, std::string_view person, double ts, const std::stri
 
 std::vector<Row> apply(std::span<const TeskRow> rows, Kind kind, const std::string& zone,
                        const PersonLookup& people) {
+  TeskRowList list(rows);
+  return apply(list, kind, zone, people);
+}
+
+std::vector<Row> apply(TeskRowStream& rows, Kind kind, const std::string& zone,
+                       const PersonLookup& people) {
   std::optional<Labeler> labeler;
   if (kind != Kind::who && kind != Kind::person) labeler.emplace(kind, zone);
   std::map<std::string, Row> buckets;
   std::unordered_map<std::string, Person> personOf;  // each handle is looked up once
-  for (const auto& row : rows) {
+  while (const TeskRow* next = rows.next()) {
+    const TeskRow& row = *next;
     std::string key;
     const Person* person = nullptr;
     if (labeler) {

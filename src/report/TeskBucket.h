@@ -17,6 +17,7 @@
 #include <unicode/smpdtfmt.h>
 
 #include "report/TeskRow.h"
+#include "report/TeskRowStream.h"
 
 namespace TeskBucket {
 
@@ -66,7 +67,11 @@ std::string label(Kind kind, std::string_view person, double ts, const std::stri
 // Counts `rows` into buckets: for who the key is teskID, or who when that is empty;
 // for person it is what `people` says that handle belongs to (the handle itself when
 // `people` is empty), asked once per handle. Time kinds come out in key order (which
-// is time order); who and person by count descending, ties by key ascending.
+// is time order); who and person by count descending, ties by key ascending. Each row
+// is counted as it streams past.
+std::vector<Row> apply(TeskRowStream& rows, Kind kind, const std::string& zone,
+                       const PersonLookup& people = {});
+// The same for rows held in answer order.
 std::vector<Row> apply(std::span<const TeskRow> rows, Kind kind, const std::string& zone,
                        const PersonLookup& people = {});
 

@@ -7,8 +7,10 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
+#include <limits>
 #include <map>
 #include <memory>
+#include <optional>
 #include <random>
 #include <unordered_map>
 
@@ -166,165 +168,229 @@ std::string TeskEmitter::jsonLine(const TeskRow& row, bool showBody) {
 
 std::string TeskEmitter::isoWeekUTC(double ts) { return weekLabel(isoWeekKey(ts)); }
 
+namespace {
+
+// The aggregate of an answer, counted row by row as the rows pass, newest first.
+class Aggregate {
+ public:
+  explicit Aggregate(bool showBody) : showBody_(showBody) {}
+
+  void add(const TeskRow& row) {
+    (row.dir == TeskRow::Direction::incoming ? in_ : out_) += 1;
+    if (row.kind == TeskRow::Kind::tapback) ++tapbacks_;
+    if (row.group) ++groups_;
+    ++counterparts_[row.teskID.empty() ? std::string("(unknown)") : row.teskID];
+    ++weeks_[isoWeekKey(row.ts)];
+    if (exemplars_.size() < kExemplars) exemplars_.push_back(TeskEmitter::tsvLine(row, showBody_));
+  }
+
+  std::vector<std::string> lines(int64_t total) const {
+    std::vector<std::string> lines;
+    lines.reserve(20 + std::min(weeks_.size(), kWeeksShown) + kExemplars);
+    const std::string t = std::to_string(total);
+    lines.push_back("# agg over " + t + " rows (complete \u2014 this is not a prefix)");
+    lines.push_back("total\t" + t);
+    lines.push_back("in\t" + std::to_string(in_));
+    lines.push_back("out\t" + std::to_string(out_));
+    lines.push_back("tapback\t" + std::to_string(tapbacks_));
+    lines.push_back("group\t" + std::to_string(groups_));
+    lines.push_back("counterparts\t" + std::to_string(counterparts_.size()));
+
+    lines.emplace_back("# top counterparts");
+    std::vector<std::pair<std::string_view, int64_t>> top(counterparts_.begin(),
+                                                          counterparts_.end());
+    const size_t shown = std::min(top.size(), kTopCounterparts);
+    auto byCount = [](const auto& a, const auto& b) {
+      return a.second != b.second ? a.second > b.second : a.first < b.first;
+    };
+    std::partial_sort(top.begin(), top.begin() + static_cast<std::ptrdiff_t>(shown), top.end(),
+                      byCount);
+    for (size_t i = 0; i < shown; ++i) {
+      lines.push_back("who\t" + TeskText::escapeTSV(top[i].first) + "\t" +
+                      std::to_string(top[i].second));
+    }
+
+    lines.emplace_back("# weekly");
+    auto week = weeks_.begin();
+    if (weeks_.size() > kWeeksShown) {
+      const size_t omitted = weeks_.size() - kWeeksShown;
+      lines.push_back("# (" + std::to_string(omitted) + " earlier weeks omitted of " +
+                      std::to_string(weeks_.size()) + ")");
+      std::advance(week, static_cast<std::ptrdiff_t>(omitted));
+    }
+    for (; week != weeks_.end(); ++week) {
+      lines.push_back("week\t" + weekLabel(week->first) + "\t" + std::to_string(week->second));
+    }
+
+    lines.emplace_back("# exemplars (10 newest)");
+    lines.insert(lines.end(), exemplars_.begin(), exemplars_.end());
+    return lines;
+  }
+
+ private:
+  bool showBody_;
+  int64_t in_ = 0, out_ = 0, tapbacks_ = 0, groups_ = 0;
+  std::unordered_map<std::string, int64_t> counterparts_;
+  std::map<int64_t, int64_t> weeks_;
+  std::vector<std::string> exemplars_;  // the first ten rows, the newest
+};
+
+// The complete answer as TSV, newest first, written as the rows come: to a private
+// temporary file that becomes <tmpDir>/tesk-<uid>/<8 hex digits>.tsv by a rename when
+// it is complete, so a reader never sees half a file. Whatever is not finished is
+// removed.
+class Spill {
+ public:
+  explicit Spill(const std::string& tmpDir) {
+    const std::optional<std::string> dir = TeskPrivate::userDirectory(tmpDir);
+    if (!dir) return;
+    std::uniform_int_distribution<uint32_t> pick(0, 4294967294u);
+    uint32_t number;
+    try {
+      std::random_device device;
+      number = pick(device);
+    } catch (const std::exception&) {  // no entropy source: a clock-started generator will do
+      std::mt19937 fallback(static_cast<uint32_t>(
+          std::chrono::steady_clock::now().time_since_epoch().count() ^ ::getpid()));
+      number = pick(fallback);
+    }
+    char name[32];
+    std::snprintf(name, sizeof name, "%08x.tsv", number);
+    path_ = *dir + "/" + name;
+    temp_ = path_ + "." + std::to_string(static_cast<long>(::getpid())) + ".part";
+    file_.reset(::fdopen(TeskPrivate::createFile(temp_), "wb"));
+    ok_ = file_ != nullptr;
+    add(TeskEmitter::header());
+  }
+
+  Spill(const Spill&) = delete;
+  Spill& operator=(const Spill&) = delete;
+
+  ~Spill() {
+    if (!temp_.empty()) {
+      file_.reset();
+      std::error_code ec;
+      std::filesystem::remove(temp_, ec);
+    }
+  }
+
+  void add(const std::string& line) {
+    if (!ok_) return;
+    chunk_ += line;
+    chunk_ += '\n';
+    if (chunk_.size() >= (1u << 16)) write();
+  }
+
+  // The path of the complete file, or nothing when any step failed.
+  std::optional<std::string> finish() {
+    if (!ok_) return std::nullopt;
+    write();
+    ok_ = ok_ && std::fflush(file_.get()) == 0;
+    ok_ = std::fclose(file_.release()) == 0 && ok_;
+    std::error_code ec;
+    if (ok_) std::filesystem::rename(temp_, path_, ec);
+    if (!ok_ || ec) return std::nullopt;
+    temp_.clear();
+    return path_;
+  }
+
+ private:
+  // Chunks end at line ends, so no UTF-8 sequence spans two; like every line tesk
+  // writes, the file's are valid UTF-8.
+  void write() {
+    if (!TeskText::isValidUTF8(chunk_)) chunk_ = TeskText::repairUTF8(chunk_);
+    ok_ = ok_ && std::fwrite(chunk_.data(), 1, chunk_.size(), file_.get()) == chunk_.size();
+    chunk_.clear();
+  }
+
+  std::string path_;
+  std::string temp_;
+  std::unique_ptr<std::FILE, FileCloser> file_;
+  std::string chunk_;
+  bool ok_ = false;
+};
+
+}  // namespace
+
 std::vector<std::string> TeskEmitter::aggregate(int64_t total, std::span<const TeskRow> rows,
                                                 bool showBody) {
-  int64_t in = 0, out = 0, tapbacks = 0, groups = 0;
-  std::unordered_map<std::string_view, int64_t> counterparts;
-  std::map<int64_t, int64_t> weeks;
-  for (const auto& row : rows) {
-    (row.dir == TeskRow::Direction::incoming ? in : out) += 1;
-    if (row.kind == TeskRow::Kind::tapback) ++tapbacks;
-    if (row.group) ++groups;
-    ++counterparts[row.teskID.empty() ? std::string_view("(unknown)") : row.teskID];
-    ++weeks[isoWeekKey(row.ts)];
-  }
-
-  std::vector<std::string> lines;
-  lines.reserve(20 + std::min(weeks.size(), kWeeksShown) + kExemplars);
-  const std::string t = std::to_string(total);
-  lines.push_back("# agg over " + t + " rows (complete \u2014 this is not a prefix)");
-  lines.push_back("total\t" + t);
-  lines.push_back("in\t" + std::to_string(in));
-  lines.push_back("out\t" + std::to_string(out));
-  lines.push_back("tapback\t" + std::to_string(tapbacks));
-  lines.push_back("group\t" + std::to_string(groups));
-  lines.push_back("counterparts\t" + std::to_string(counterparts.size()));
-
-  lines.emplace_back("# top counterparts");
-  std::vector<std::pair<std::string_view, int64_t>> top(counterparts.begin(), counterparts.end());
-  const size_t shown = std::min(top.size(), kTopCounterparts);
-  auto byCount = [](const auto& a, const auto& b) {
-    return a.second != b.second ? a.second > b.second : a.first < b.first;
-  };
-  std::partial_sort(top.begin(), top.begin() + static_cast<std::ptrdiff_t>(shown), top.end(),
-                    byCount);
-  for (size_t i = 0; i < shown; ++i) {
-    lines.push_back("who\t" + TeskText::escapeTSV(top[i].first) + "\t" +
-                    std::to_string(top[i].second));
-  }
-
-  lines.emplace_back("# weekly");
-  auto week = weeks.begin();
-  if (weeks.size() > kWeeksShown) {
-    const size_t omitted = weeks.size() - kWeeksShown;
-    lines.push_back("# (" + std::to_string(omitted) + " earlier weeks omitted of " +
-                    std::to_string(weeks.size()) + ")");
-    std::advance(week, static_cast<std::ptrdiff_t>(omitted));
-  }
-  for (; week != weeks.end(); ++week) {
-    lines.push_back("week\t" + weekLabel(week->first) + "\t" + std::to_string(week->second));
-  }
-
-  lines.emplace_back("# exemplars (10 newest)");
-  const size_t exemplars = std::min(rows.size(), kExemplars);
-  for (size_t i = 0; i < exemplars; ++i) {
-    lines.push_back(tsvLine(rows[rows.size() - 1 - i], showBody));
-  }
-  return lines;
-}
-
-std::optional<std::string> TeskEmitter::writeSpill(std::span<const TeskRow> rows) const {
-  namespace fs = std::filesystem;
-  // The answer holds the owner's messages: only this user's own directory will do.
-  const std::optional<std::string> privateDir = TeskPrivate::userDirectory(tmpDir_);
-  if (!privateDir) return std::nullopt;
-  const std::string& dir = *privateDir;
-  std::error_code ec;
-
-  std::uniform_int_distribution<uint32_t> pick(0, 4294967294u);
-  uint32_t number;
-  try {
-    std::random_device device;
-    number = pick(device);
-  } catch (const std::exception&) {  // no entropy source: a clock-started generator will do
-    std::mt19937 fallback(static_cast<uint32_t>(
-        std::chrono::steady_clock::now().time_since_epoch().count() ^ ::getpid()));
-    number = pick(fallback);
-  }
-  char name[32];
-  std::snprintf(name, sizeof name, "%08x.tsv", number);
-  const std::string path = dir + "/" + name;
-  const std::string temp = path + "." + std::to_string(static_cast<long>(::getpid())) + ".part";
-
-  bool ok = false;
-  {
-    std::unique_ptr<std::FILE, FileCloser> file(::fdopen(TeskPrivate::createFile(temp), "wb"));
-    if (!file) return std::nullopt;
-    // Chunks end at line ends, so no UTF-8 sequence spans two; like every line tesk
-    // writes, the file's are valid UTF-8.
-    auto write = [&](std::string& chunk) {
-      if (!TeskText::isValidUTF8(chunk)) chunk = TeskText::repairUTF8(chunk);
-      return std::fwrite(chunk.data(), 1, chunk.size(), file.get()) == chunk.size();
-    };
-    std::string chunk = header() + "\n";
-    ok = true;
-    for (size_t i = rows.size(); i-- > 0 && ok;) {
-      chunk += tsvLine(rows[i], showBody_);
-      chunk += '\n';
-      if (chunk.size() >= (1u << 16) || i == 0) {
-        ok = write(chunk);
-        chunk.clear();
-      }
-    }
-    if (ok && !chunk.empty()) ok = write(chunk);
-    ok = ok && std::fflush(file.get()) == 0;
-    std::FILE* raw = file.release();
-    ok = std::fclose(raw) == 0 && ok;
-  }
-  if (ok) {
-    fs::rename(temp, path, ec);
-    ok = !ec;
-  }
-  if (!ok) {
-    fs::remove(temp, ec);
-    return std::nullopt;
-  }
-  return path;
+  Aggregate agg(showBody);
+  for (size_t i = rows.size(); i-- > 0;) agg.add(rows[i]);
+  return agg.lines(total);
 }
 
 TeskEmitter::Output TeskEmitter::emit(std::span<const TeskRow> rows) const {
+  TeskRowList list(rows);
+  return emit(list);
+}
+
+TeskEmitter::Output TeskEmitter::emit(TeskRowStream& rows) const {
   Output output;
-  const auto total = static_cast<int64_t>(rows.size());
+  int64_t total = 0;
   if (format_ == TeskFormat::agg) {
-    output.lines = aggregate(total, rows, showBody_);
+    Aggregate agg(showBody_);
+    for (const TeskRow* row; (row = rows.next()); ++total) agg.add(*row);
+    output.lines = agg.lines(total);
     output.mode = "agg";
     output.rowsOut = total;
     return output;
   }
 
-  // Decided from byte lengths alone, before any line is built.
-  int64_t estimate = 0;
-  for (const auto& row : rows) {
-    estimate += static_cast<int64_t>(row.who.size()) + kFixedColumns;
-    if (showBody_) estimate += static_cast<int64_t>(row.body.size());
-  }
+  const int64_t limit = limit_ >= 1 ? limit_ : std::numeric_limits<int64_t>::max();
+  std::optional<TeskCursor> last;  // just past the oldest row written
+  auto show = [&](const TeskRow& row) {
+    output.lines.push_back(format_ == TeskFormat::json ? jsonLine(row, showBody_)
+                                                       : tsvLine(row, showBody_));
+    last = TeskCursor::after(row);
+  };
+  if (format_ != TeskFormat::json) output.lines.push_back(header());
 
-  if (estimate <= budget_ || format_ == TeskFormat::tsv || format_ == TeskFormat::json) {
-    const int64_t kept = limit_ >= 1 ? std::min(limit_, total) : total;
-    output.lines.reserve(static_cast<size_t>(kept) + 1);
-    if (format_ != TeskFormat::json) output.lines.push_back(header());
-    for (int64_t i = 0; i < kept; ++i) {
-      const TeskRow& row = rows[rows.size() - 1 - static_cast<size_t>(i)];
-      output.lines.push_back(format_ == TeskFormat::json ? jsonLine(row, showBody_)
-                                                         : tsvLine(row, showBody_));
+  if (format_ == TeskFormat::tsv || format_ == TeskFormat::json) {
+    for (const TeskRow* row; (row = rows.next()); ++total) {
+      if (total < limit) show(*row);
     }
-    output.mode = "rows";
-    output.rowsOut = kept;
-    output.capped = kept < total;
-    if (output.capped) {
-      output.next =
-          "--cursor " + TeskCursor::after(rows[rows.size() - static_cast<size_t>(kept)]).render();
+  } else {
+    // Decided from byte lengths alone: the rows are held while the estimate of the whole
+    // answer fits the budget; past it they go to the spill file instead, as they come,
+    // and no row is rendered for the answer itself.
+    int64_t estimate = 0;
+    std::vector<TeskRow> held;
+    std::optional<Spill> spill;
+    Aggregate agg(showBody_);
+    for (const TeskRow* row; (row = rows.next()); ++total) {
+      agg.add(*row);
+      estimate += static_cast<int64_t>(row->who.size()) + kFixedColumns;
+      if (showBody_) estimate += static_cast<int64_t>(row->body.size());
+      if (!spill && estimate > budget_) {
+        spill.emplace(tmpDir_);
+        for (const TeskRow& h : held) spill->add(tsvLine(h, showBody_));
+        held = {};
+      }
+      if (spill) {
+        spill->add(tsvLine(*row, showBody_));
+      } else {
+        held.push_back(*row);
+      }
     }
-    return output;
+    if (spill) {
+      output.spill = spill->finish();
+      output.lines = agg.lines(total);
+      output.lines.push_back("# full result set: " + std::to_string(total) + " rows \u2192 " +
+                             (output.spill ? *output.spill : std::string("(spill failed)")));
+      output.lines.emplace_back(
+          "# `--format tsv` to see rows anyway; the receipt names the denominator");
+      output.mode = "agg";
+      output.rowsOut = total;
+      return output;
+    }
+    for (const TeskRow& row : held) {
+      if (static_cast<int64_t>(output.lines.size()) - 1 >= limit) break;
+      show(row);
+    }
   }
-
-  output.spill = writeSpill(rows);
-  output.lines = aggregate(total, rows, showBody_);
-  output.lines.push_back("# full result set: " + std::to_string(total) + " rows \u2192 " +
-                         (output.spill ? *output.spill : std::string("(spill failed)")));
-  output.lines.emplace_back(
-      "# `--format tsv` to see rows anyway; the receipt names the denominator");
-  output.mode = "agg";
-  output.rowsOut = total;
+  output.mode = "rows";
+  output.rowsOut = std::min(limit, total);
+  output.capped = output.rowsOut < total;
+  if (output.capped) output.next = "--cursor " + last->render();
   return output;
 }

@@ -1,7 +1,9 @@
 // Turns the merged, time-sorted rows of an answer into body lines and decides how much
 // is shown. With the default format the rows are shown only when the complete answer
 // fits the character budget; otherwise an aggregate of the whole answer is shown and
-// every row is spilled to a file, so a head is never mistaken for the whole.
+// every row is spilled to a file, so a head is never mistaken for the whole. Rows are
+// taken as they stream past: held only while they still fit the budget (or the limit),
+// then written to the spill file as they come, the aggregate counted on the way.
 #pragma once
 
 #include <cstdint>
@@ -12,6 +14,7 @@
 #include <vector>
 
 #include "report/TeskRow.h"
+#include "report/TeskRowStream.h"
 
 // How rows are rendered. `automatic` is the raw value "auto" (a C++ keyword).
 enum class TeskFormat { automatic, tsv, json, agg };
@@ -31,7 +34,9 @@ class TeskEmitter {
   // <tmpDir>/tesk/. limit 0 means no limit; budget is in characters.
   TeskEmitter(TeskFormat format, int64_t limit, int64_t budget, bool showBody, std::string tmpDir);
 
-  // Rows sorted by ts ascending in; lines newest first out.
+  // Rows newest first in (as a stream gives them); lines newest first out.
+  Output emit(TeskRowStream& rows) const;
+  // The same for rows held in answer order, oldest first.
   Output emit(std::span<const TeskRow> rows) const;
 
   // "auto", "tsv", "json", "agg".
@@ -52,10 +57,6 @@ class TeskEmitter {
                                             bool showBody);
   // "%04d-W%02d" of the ISO 8601 week-numbering year and week of `ts` in UTC.
   static std::string isoWeekUTC(double ts);
-  // Writes the header and every row of `rows` (ts ascending), newest first, to
-  // <tmpDir>/tesk/<8 hex digits>.tsv through a temporary file and a rename, so a reader
-  // never sees half a file. The path on success, nothing on any failure.
-  std::optional<std::string> writeSpill(std::span<const TeskRow> rows) const;
 
  private:
   TeskFormat format_;

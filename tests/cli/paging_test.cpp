@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <fstream>
 #include <sstream>
 
 #include "cli/TeskCLI.h"
@@ -130,6 +131,26 @@ TEST(Paging, FollowingNextYieldsTheCompleteAnswerOnce) {
     all.insert(all.end(), {"--limit", "0", "--format", "tsv"});
     const Answer complete = run(h.home.path(), all, now);
     ASSERT_EQ(complete.rows.size(), c.messages.size() + c.visits.size()) << c.name;
+    // Past the budget the rows go to the spill file as they pass: it holds that same
+    // answer, and the aggregate counted on the way is the one --format agg gives.
+    std::vector<std::string> tight = base;
+    tight.insert(tight.end(), {"--budget", "1"});
+    const Answer spilled = run(h.home.path(), tight, now);
+    auto doc = TeskJSONValue::parse(spilled.receipt.substr(6));
+    const auto* spill = doc ? doc->member("spill") : nullptr;
+    ASSERT_TRUE(spill && spill->string()) << spilled.receipt;
+    std::ifstream file(*spill->string());
+    std::vector<std::string> spilledRows;
+    for (std::string line; std::getline(file, line);) spilledRows.push_back(line);
+    ASSERT_FALSE(spilledRows.empty());
+    spilledRows.erase(spilledRows.begin());  // the header
+    EXPECT_EQ(spilledRows, complete.rows) << c.name;
+    std::vector<std::string> agg = base;
+    agg.insert(agg.end(), {"--format", "agg"});
+    ASSERT_GE(spilled.rows.size(), 2u);
+    EXPECT_EQ(run(h.home.path(), agg, now).rows,
+              std::vector<std::string>(spilled.rows.begin(), spilled.rows.end() - 2))
+        << c.name;
     for (int limit : {1, 2, 3, 4, 7}) {
       std::vector<std::string> paged;
       std::vector<std::string> args = base;

@@ -140,6 +140,13 @@ TEST(TeskEmitter, OverBudgetSpillsEveryRowAndShowsTheAggregate) {
   std::string expect = TeskEmitter::header() + "\n";
   for (int i = 29; i >= 0; --i) expect += TeskEmitter::tsvLine(rows[i], true) + "\n";
   EXPECT_EQ(content.str(), expect);  // no limit, newest first, one line per row
+  // Written as the rows passed, it is still the `--format tsv --limit 0` answer, and the
+  // aggregate counted on the way is the `--format agg` one.
+  std::string tsv;
+  for (const auto& line : emitter(TeskFormat::tsv, 0, 100).emit(rows).lines) tsv += line + "\n";
+  EXPECT_EQ(content.str(), tsv);
+  EXPECT_EQ(std::vector<std::string>(out.lines.begin(), out.lines.end() - 2),
+            emitter(TeskFormat::agg, 0, 100).emit(rows).lines);
   // Nothing but the spill is left behind in the directory.
   int files = 0;
   for ([[maybe_unused]] const auto& e : fs::directory_iterator(userDir(tmp))) ++files;
