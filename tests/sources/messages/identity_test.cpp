@@ -49,14 +49,6 @@ TEST(TeskIdentity, Canonical) {
   }
 }
 
-TEST(TeskIdentity, CanonicalMergesOnePersonsSpellings) {
-  const std::string want = TeskIdentity::canonical("+1 (415) 555-0123");
-  for (const char* spelling :
-       {"14155550123", "415.555.0123", " +1 415 555 0123 ", "(415)5550123"}) {
-    EXPECT_EQ(TeskIdentity::canonical(spelling), want) << spelling;
-  }
-}
-
 TEST(TeskIdentity, CanonicalSurvivesBrokenUtf8) {
   EXPECT_EQ(TeskIdentity::canonical("12\xff\xfe"
                                     "34"),
