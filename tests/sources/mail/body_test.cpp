@@ -94,14 +94,6 @@ TEST(MailDecode, OverlongCountStopsAtThePropertyList) {
             "only this <?xml but no list");
 }
 
-TEST(MailDecode, SpanKeepsThePropertyListOut) {
-  // The property list follows the last body byte directly; only the declared
-  // count keeps it out.
-  const Body body = decodeMessage("Subject: x\n\nlast line");
-  ASSERT_TRUE(body.text);
-  EXPECT_EQ(*body.text, "last line");
-}
-
 struct TreeCase {
   std::string name;
   std::string message;
@@ -389,8 +381,6 @@ TEST(MailCensus, DerivedValues) {
   EXPECT_EQ(c.bodies(), 7);
   EXPECT_DOUBLE_EQ(c.rate(), 3.0 / 7.0);
   EXPECT_EQ(c.notOpened, 1);
-  EXPECT_EQ(TeskMail::rawValue(Tier::noTextPart), "noTextPart");
-  EXPECT_EQ(TeskMail::rawValue(Tier::notOpened), "notOpened");
 }
 
 // The real files: each decodes to the tier and text below, and no body holds a

@@ -38,46 +38,6 @@ std::vector<std::string> ids(const TeskReminders::Result& r) {
   return out;
 }
 
-TEST(RemindersQuery, EveryColumnPresent) {
-  EXPECT_EQ(TeskReminders::query({}),
-            "SELECT r.Z_PK, r.ZTITLE, r.ZNOTES,\n"
-            "       r.ZDUEDATE, r.ZLASTMODIFIEDDATE,\n"
-            "       r.ZCREATIONDATE, l.ZNAME,\n"
-            "       r.ZCKIDENTIFIER, r.ZEXTERNALIDENTIFIER\n"
-            "FROM ZREMCDREMINDER r\n"
-            "LEFT JOIN ZREMCDBASELIST l ON l.Z_PK = r.ZLIST\n"
-            "WHERE COALESCE(r.ZCOMPLETED, 0) = 0\n"
-            "  AND COALESCE(r.ZMARKEDFORDELETION, 0) = 0");
-}
-
-TEST(RemindersQuery, MissingColumnsBecomeConstants) {
-  TeskReminders::Columns c;
-  c.notes = false;
-  c.lastModifiedDate = false;
-  c.externalIdentifier = false;
-  c.listJoin = false;
-  c.markedForDeletion = false;
-  EXPECT_EQ(TeskReminders::query(c),
-            "SELECT r.Z_PK, r.ZTITLE, NULL,\n"
-            "       r.ZDUEDATE, NULL,\n"
-            "       r.ZCREATIONDATE, NULL,\n"
-            "       r.ZCKIDENTIFIER, NULL\n"
-            "FROM ZREMCDREMINDER r\n"
-            "\n"
-            "WHERE COALESCE(r.ZCOMPLETED, 0) = 0\n"
-            "  AND COALESCE(0, 0) = 0");
-  TeskReminders::Columns none{false, false, false, false, false, false, false, false, false, false};
-  EXPECT_EQ(TeskReminders::query(none),
-            "SELECT r.Z_PK, NULL, NULL,\n"
-            "       NULL, NULL,\n"
-            "       NULL, NULL,\n"
-            "       NULL, NULL\n"
-            "FROM ZREMCDREMINDER r\n"
-            "\n"
-            "WHERE COALESCE(0, 0) = 0\n"
-            "  AND COALESCE(0, 0) = 0");
-}
-
 TEST(RemindersStorePaths, DataStoresSortedByName) {
   TempHome home;
   EXPECT_TRUE(TeskReminders::storePaths(home.path()).empty());  // no directory
@@ -310,26 +270,6 @@ TEST(RemindersRead, DatesThatAreNoInstantMoveNoHorizon) {
   ASSERT_TRUE(r.horizon.has_value());
   EXPECT_DOUBLE_EQ(r.horizon->from, kNow);
   EXPECT_DOUBLE_EQ(r.horizon->to, kNow);
-}
-
-// The Reminders app holds its store open in WAL mode; a locked store is read
-// through a snapshot, including what still sits in the -wal file.
-TEST(RemindersRead, LockedStoreReadThroughSnapshot) {
-  TempHome home;
-  std::string path = makeStore(home, "Data-live.sqlite",
-                               "INSERT INTO ZREMCDREMINDER(Z_PK, ZTITLE, ZLASTMODIFIEDDATE)"
-                               " VALUES (1, 'checkpointed', 10);");
-  tesk_test::DB owner = tesk_test::openDB(path);
-  tesk_test::exec(owner.get(),
-                  "PRAGMA journal_mode=WAL; PRAGMA wal_autocheckpoint=0;"
-                  "INSERT INTO ZREMCDREMINDER(Z_PK, ZTITLE, ZLASTMODIFIEDDATE)"
-                  " VALUES (2, 'only in the log', 20);"
-                  "PRAGMA locking_mode=EXCLUSIVE; BEGIN EXCLUSIVE;");
-  TeskReminders::Result r = TeskReminders::read({}, home.path());
-  EXPECT_TRUE(r.denied.empty()) << (r.denied.empty() ? "" : r.denied[0]);
-  EXPECT_EQ(ids(r), (std::vector<std::string>{"reminder:Data-live.sqlite:1",
-                                              "reminder:Data-live.sqlite:2"}));
-  tesk_test::exec(owner.get(), "COMMIT;");
 }
 
 // Bad stores are named; the good one is still read.

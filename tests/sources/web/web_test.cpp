@@ -406,37 +406,6 @@ TEST(WebRead, SourcesMergedByTimeStably) {
   EXPECT_EQ(ids, (std::vector<std::string>{"chrome:1", "arc:1", "chrome:3", "arc:2", "chrome:2"}));
 }
 
-// A running Chrome holds its history locked; the reader goes through a snapshot of
-// db + -wal + -shm and sees the visits still in the write-ahead log.
-TEST(WebRead, LockedChromeReadThroughSnapshot) {
-  TempHome home;
-  std::string path = install(home, kChromePath, "chrome/plaso_History-chrome8");
-  tesk_test::DB owner = tesk_test::openDB(path);
-  tesk_test::exec(owner.get(),
-                  "PRAGMA journal_mode=WAL; PRAGMA wal_autocheckpoint=0;"
-                  "INSERT INTO visits(id, url, visit_time) VALUES (7000, 1, 13350000000000000);"
-                  "PRAGMA locking_mode=EXCLUSIVE; BEGIN EXCLUSIVE;");
-  ASSERT_TRUE(std::filesystem::exists(path + "-wal"));
-
-  // Prove the lock: a plain read-only connection cannot read.
-  {
-    sqlite3* raw = nullptr;
-    sqlite3_open_v2(("file:" + path + "?mode=ro").c_str(), &raw,
-                    SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr);
-    tesk_test::DB probe(raw);
-    EXPECT_NE(sqlite3_exec(probe.get(), "SELECT COUNT(*) FROM visits", nullptr, nullptr, nullptr),
-              SQLITE_OK);
-  }
-
-  TeskWeb::Result r = TeskWeb::read({}, std::nullopt, home.path());
-  EXPECT_TRUE(r.denied.empty()) << (r.denied.empty() ? "" : r.denied[0]);
-  EXPECT_EQ(r.perSource["chrome"], 70);
-  const TeskRow* walOnly = findRow(r, "chrome:7000");
-  ASSERT_NE(walOnly, nullptr);
-  EXPECT_DOUBLE_EQ(walOnly->ts, 1705526400.0);
-  tesk_test::exec(owner.get(), "COMMIT;");
-}
-
 TEST(WebRead, NoHistoryAtAllIsNoDenial) {
   TempHome home;
   TeskWeb::Result r = TeskWeb::read({}, std::nullopt, home.path());
