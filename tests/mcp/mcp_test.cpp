@@ -1,7 +1,7 @@
 // The MCP front door without a client: line framing, the dispatcher's answers to good
 // and bad messages, the tool list against the catalogue, and tools/call turned into
-// command lines. A recording runner stands in for the stores, except where the real
-// run is the point.
+// command lines. A recording runner stands in for the stores; the SDK test compares
+// real answers with the command line's.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -370,31 +370,6 @@ TEST(TeskMCPServer, AThrowingRunIsAnErrorAndTheSessionGoesOn) {
   EXPECT_EQ(errorCode(answer(server, call("span", "{}"))), -32603);
   rec.fail = false;
   EXPECT_TRUE(answer(server, call("span", "{}")).member("result"));
-}
-
-// The real run, pinned surroundings: the tool's text is byte for byte what the
-// command line prints.
-TEST(TeskMCPServer, ACallPrintsWhatTheCommandLinePrints) {
-  TeskCLI::Environment env;
-  env.home = "/nonexistent-home";
-  env.tmpdir = "/tmp";
-  env.zone = "UTC";
-  env.clock = [] { return 1.8e9; };
-  auto run = [&](const Strings& args, TeskOut& out) { return TeskCLI::run(args, out, env); };
-  TeskMCPServer server("tesk", run);
-  for (auto [tool, args] : std::vector<std::pair<std::string, Strings>>{
-           {"api", {"tesk", "api"}},
-           {"span", {"tesk", "span", "--limit", "-1"}},
-           {"thread", {"tesk", "thread"}},
-       }) {
-    TeskOut out(TeskOut::Sink::memory);
-    int32_t exit = TeskCLI::run(args, out, env);
-    std::string arguments = tool == "span" ? "{\"limit\":-1}" : "{}";
-    Node r = answer(server, call(tool, arguments));
-    const Node& result = *r.member("result");
-    EXPECT_EQ(*result.member("content")->array()->at(0).member("text")->string(), out.captured());
-    EXPECT_EQ(*result.member("structuredContent")->member("exit")->number(), exit);
-  }
 }
 
 // A private unlinked file holding `bytes`, read from its start.
