@@ -148,16 +148,10 @@ TEST(TeskDoctor, EpochConversions) {
     double unix;
   };
   const Case toUnix[] = {
-      {E::apple, 0, 0},
-      {E::apple, 1000000000000, 1000000000000 + 978307200.0},   // still seconds
-      {E::apple, 1000000000001, 1000.000000001 + 978307200.0},  // nanoseconds
-      {E::apple, 800000000, 800000000 + 978307200.0},
+      // Each epoch reaches its conversion (TeskTime's own test holds the magnitudes).
       {E::apple, 800000000000000000, 800000000 + 978307200.0},
-      {E::apple, -800000000000000000, -800000000 + 978307200.0},
-      {E::webkit, 0, 0},
       {E::webkit, 13000000000000000, 13000000000 - 11644473600.0},
       {E::unixSeconds, 1700000000, 1700000000},
-      {E::unixSeconds, 0, 0},
   };
   for (const Case& c : toUnix) {
     EXPECT_NEAR(Probe::toUnix(c.epoch, c.stored), c.unix, 1e-3) << c.stored;

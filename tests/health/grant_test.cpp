@@ -353,23 +353,6 @@ TEST(TeskGrant, EnabledMirrorsDiscoversTheJoinTable) {
   }
 }
 
-TEST(TeskGrant, ErrorChainsFromKeyedArchives) {
-  using teststores::keyedError;
-  auto three =
-      keyedError({{"EKErrorDomain", 2}, {"NSURLErrorDomain", 401}, {"kCFErrorDomainCFNetwork", 3}});
-  EXPECT_EQ(TeskGrant::errorChain(three),
-            "EKErrorDomain 2 → NSURLErrorDomain 401 → kCFErrorDomainCFNetwork 3");
-  EXPECT_EQ(TeskGrant::errorChain(keyedError({{"A", 1}}, true)), "A 1");
-  std::vector<std::pair<std::string, int>> ten;
-  for (int i = 0; i < 10; ++i) ten.emplace_back("D", i);
-  EXPECT_EQ(TeskGrant::errorChain(keyedError(ten)),
-            "D 0 → D 1 → D 2 → D 3 → D 4 → D 5 → D 6 → D 7");
-  EXPECT_EQ(TeskGrant::errorChain(teststores::keyedString("just text")), std::nullopt);
-  const std::vector<uint8_t> garbage = {'b', 'p', 'l', 'i', 's', 't', '0', '0', 1, 2, 3};
-  EXPECT_EQ(TeskGrant::errorChain(garbage), std::nullopt);
-  EXPECT_EQ(TeskGrant::errorChain({}), std::nullopt);
-}
-
 TEST(TeskGrant, CalendarStoreErrorTakesTheNewestReadableError) {
   using teststores::keyedError;
   struct Case {

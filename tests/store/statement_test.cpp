@@ -136,13 +136,6 @@ TEST_F(StatementTest, OnlyTheFirstStatementOfATextRuns) {
   EXPECT_EQ(dump("SELECT COUNT(*) FROM message"), "3");
 }
 
-TEST_F(StatementTest, NoMatchCallsNothingAndDoesNotThrow) {
-  int calls = 0;
-  EXPECT_NO_THROW(store_->query("SELECT * FROM message WHERE ROWID > ?", {100},
-                                [&](const TeskRowReader&) { ++calls; }));
-  EXPECT_EQ(calls, 0);
-}
-
 TEST_F(StatementTest, SqlErrorsCarrySqliteOwnMessage) {
   struct Case {
     std::string sql;
