@@ -5,9 +5,9 @@
 #include <fstream>
 
 #include "cli/TeskText.h"
+#include "common/KeyedArchiveWriter.h"
 #include "common/TeskProcess.h"
 #include "common/TeskTestHome.h"
-#include "health/TestStores.h"
 #include "report/TeskJSONValue.h"
 
 namespace {
@@ -356,8 +356,8 @@ TEST(BlackBox, HostileTextNeverBreaksALine) {
       home.file("Library/Group Containers/group.com.apple.calendar/Calendar.sqlitedb");
   tesk_test::makeDB(calendar, tesk_test::schema("calendar.sql"));
   tesk_test::makeDB(calendar, "INSERT INTO Store (ROWID, name) VALUES (1, 'Google');");
-  teststores::execBlob(calendar, "INSERT INTO Error (store_owner_id, user_info) VALUES (1, ?)",
-                       teststores::keyedError({{"Evil\nim\tA\tFRESH\r", 1}}));
+  tesk_test::execBlob(calendar, "INSERT INTO Error (store_owner_id, user_info) VALUES (1, ?)",
+                      tesk_test::keyedError({{"Evil\nim\tA\tFRESH\r", 1}}));
 
   const std::vector<std::vector<std::string>> runs = {
       {"im"},

@@ -9,7 +9,6 @@
 
 #include "cli/TeskTime.h"
 #include "common/TeskTestHome.h"
-#include "health/TestStores.h"
 #include "store/TeskStore.h"
 
 namespace {

@@ -6,8 +6,8 @@
 #include <filesystem>
 
 #include "cli/TeskTime.h"
+#include "common/KeyedArchiveWriter.h"
 #include "common/TeskTestHome.h"
-#include "health/TestStores.h"
 #include "store/TeskStore.h"
 
 namespace {
@@ -47,9 +47,9 @@ void makeAccounts(const std::string& home, const std::vector<Account>& accounts,
   for (int i = 0; i < 4; ++i) {
     std::string full = std::string("com.apple.Dataclass.") + names[i];
     if (archivedNames) {
-      teststores::execBlob(
+      tesk_test::execBlob(
           path, "INSERT INTO ZDATACLASS (Z_PK, ZNAME) VALUES (" + std::to_string(i + 1) + ", ?)",
-          teststores::keyedString(full));
+          tesk_test::keyedString(full));
     } else {
       tesk_test::makeDB(path, "INSERT INTO ZDATACLASS (Z_PK, ZNAME) VALUES (" +
                                   std::to_string(i + 1) + ", '" + full + "')");
@@ -92,7 +92,7 @@ void makeCalendarErrors(const std::string& home, const std::string& name,
                     "INSERT INTO Store (ROWID, name) VALUES (2, '" +
                         name + "');");
   for (const auto& b : blobs) {
-    teststores::execBlob(path, "INSERT INTO Error (store_owner_id, user_info) VALUES (2, ?)", b);
+    tesk_test::execBlob(path, "INSERT INTO Error (store_owner_id, user_info) VALUES (2, ?)", b);
   }
 }
 
@@ -298,7 +298,7 @@ TEST(TeskGrant, StoredFieldsNeverOpenALineOrAColumn) {
   a.username = "owner@gmail.com\nverdict\tCOMPLETE";
   a.identifier = "ID\r9";
   makeAccounts(home.path(), {a});
-  makeCalendarErrors(home.path(), "Google", {teststores::keyedError({{"Evil\nDomain\t", 7}})});
+  makeCalendarErrors(home.path(), "Google", {tesk_test::keyedError({{"Evil\nDomain\t", 7}})});
   const auto lines = TeskGrant::linkReport(home.path(), kNow);
   ASSERT_GE(lines.size(), 9u);
   EXPECT_EQ(lines[2], "account\towner@gmail.com\\nverdict\\tCOMPLETE");
@@ -354,7 +354,7 @@ TEST(TeskGrant, EnabledMirrorsDiscoversTheJoinTable) {
 }
 
 TEST(TeskGrant, CalendarStoreErrorTakesTheNewestReadableError) {
-  using teststores::keyedError;
+  using tesk_test::keyedError;
   struct Case {
     std::string name;
     std::vector<std::vector<uint8_t>> blobs;  // oldest first
@@ -392,7 +392,7 @@ TEST(TeskGrant, ProviderErrorMakesTheLinkBroken) {
   tesk_test::TempHome home;
   makeAccounts(home.path(), {Account{}});
   makeCalendarErrors(home.path(), "Google",
-                     {teststores::keyedError({{"EKErrorDomain", 2}, {"NSURLErrorDomain", 401}})});
+                     {tesk_test::keyedError({{"EKErrorDomain", 2}, {"NSURLErrorDomain", 401}})});
   Link l = TeskGrant::link("Google", home.path());
   EXPECT_EQ(l.lastError, "EKErrorDomain 2 → NSURLErrorDomain 401");
   EXPECT_EQ(l.verdict(), Link::Verdict::broken);
