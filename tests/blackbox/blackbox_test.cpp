@@ -247,29 +247,6 @@ TEST(BlackBox, MissingMessageStore) {
   EXPECT_TRUE(has(mixed.lines[0], "\"denied\":[\"im: cannot read "));
 }
 
-TEST(BlackBox, HostileStoresFailCleanlyAndLeaveNoSnapshot) {
-  tesk_test::TempHome home;
-  tesk_test::TempHome tmp;
-  const std::string path = home.file("Library/Messages/chat.db");
-  for (const std::string& bytes :
-       {std::string("this is not a database at all, just text"), std::string(100, '\0'),
-        std::string("SQLite format 3\0\x10\x00\x01\x01", 20)}) {
-    std::ofstream(path, std::ios::binary) << bytes;
-    Answer a = tesk({"im"}, home.path(), tmp.path());
-    EXPECT_EQ(a.exit, 5) << a.text;
-    expectFramed(a);
-    EXPECT_EQ(a.lines[1].rfind("tesk: ", 0), 0u) << a.lines[1];
-    EXPECT_TRUE(std::filesystem::is_empty(tmp.path())) << "snapshot left behind";
-  }
-  auto db = tesk_test::createStore(path + "2", "chatdb.sql");
-  tesk_test::exec(db.get(), "DROP TABLE message");
-  db.reset();
-  std::filesystem::rename(path + "2", path);
-  Answer noTable = tesk({"im"}, home.path(), tmp.path());
-  EXPECT_EQ(noTable.exit, 5);
-  EXPECT_EQ(noTable.lines[1], "tesk: sql: no such table: message");
-}
-
 TEST(BlackBox, WhoMeReadsTheAccountFile) {
   Home h;
   std::ofstream(h.home.file(".harbend/account.json"))
