@@ -7,11 +7,13 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <map>
 
 #include "cli/TeskAPI.h"
 #include "cli/TeskOptions.h"
 #include "cli/TeskReports.h"
+#include "cli/TeskSelectorNotes.h"
 #include "cli/TeskSources.h"
 #include "cli/TeskText.h"
 #include "cli/TeskTime.h"
@@ -333,6 +335,12 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
   // `who me` is identity, not a census: the Me card and the account file answer it, so
   // no store is opened and no body decoded (a Mac without chat.db has an owner too).
   const bool selfQuery = verb == "who" && isSelfQuery(opts.text);
+  // `sql` answers its own table (from the message store alone) whatever --by asks.
+  const AnswerShape shape = selfQuery       ? AnswerShape::self
+                            : verb == "sql" ? AnswerShape::table
+                            : opts.by       ? AnswerShape::buckets
+                            : verb == "who" ? AnswerShape::census
+                                            : AnswerShape::rows;
 
   // A --who value may be a contact's name: resolved here, once, into the handles of
   // the cards it names, which every producer tests beside its handle match.
@@ -350,7 +358,8 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
   ReadContext ctx{verb, opts, filter, env, now, keys};
   std::vector<std::string> read;  // the keys whose reader ran
   for (const SourceReader& reader : sourceReaders()) {
-    if (selfQuery) break;
+    if (shape == AnswerShape::self) break;
+    if (shape == AnswerShape::table && reader.keys != std::vector<std::string>{"im"}) continue;
     std::vector<std::string> requested;
     for (const std::string& k : keys) {
       if (contains(reader.keys, k)) requested.push_back(k);
@@ -365,17 +374,18 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
 
   // The answer takes each row as it passes: buckets, the census or the emitter.
   const bool namesPeople =
-      (verb == "who" && !selfQuery) ||
-      (opts.by && (*opts.by == TeskBucket::Kind::who || *opts.by == TeskBucket::Kind::person));
+      shape == AnswerShape::census ||
+      (shape == AnswerShape::buckets &&
+       (*opts.by == TeskBucket::Kind::who || *opts.by == TeskBucket::Kind::person));
   const TeskContacts::Roster noBooks;
   const TeskContacts::Roster& names = namesPeople ? contacts() : noBooks;
   AnswerRows answer(acc.feeds, opts.cursor);
   std::optional<BucketAnswer> buckets;
   std::optional<WhoAnswer> census;
   std::optional<TeskEmitter::Output> emitted;
-  if (opts.by && !selfQuery) {
+  if (shape == AnswerShape::buckets) {
     buckets = bucketAnswer(answer, *opts.by, names, env);
-  } else if (verb == "who") {
+  } else if (verb == "who") {  // the census, or `who me`
     census = whoAnswer(answer, opts.text, names, env);
   } else if (verb != "sql") {
     emitted = TeskEmitter(opts.format, opts.limit, opts.budget, true, env.tmpdir).emit(answer);
@@ -397,6 +407,12 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
   if (acc.receipt.openMode == "snapshot") {
     acc.notes.push_back(
         "read from a snapshot (db+-wal+-shm copied) — the live handle could not see the WAL");
+  }
+  std::vector<std::string> asked;
+  std::copy_if(keys.begin(), keys.end(), std::back_inserter(asked),
+               [](const std::string& k) { return known().count(k) > 0; });
+  for (std::string& n : selectorNotes(shape, opts.given, asked, read)) {
+    acc.notes.push_back(std::move(n));
   }
   // What was read is only as current as its stores: the doctor's verdicts, from each
   // store's newest row.
@@ -422,7 +438,7 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
   if (acc.horizon) r.horizon = acc.horizon;
   std::optional<double> until = opts.until;
   if (opts.cursor) until = std::min(until.value_or(HUGE_VAL), opts.cursor->ts);
-  if ((opts.since || until) && !selfQuery) {
+  if ((opts.since || until) && shape != AnswerShape::self) {
     // An open end of the window is as far as the stores read actually reach.
     double from = opts.since ? *opts.since : (acc.horizon ? acc.horizon->from : 0);
     double to = until ? *until : std::max(now, acc.horizon ? acc.horizon->to : now);

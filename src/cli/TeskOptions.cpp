@@ -1,5 +1,6 @@
 #include "cli/TeskOptions.h"
 
+#include <algorithm>
 #include <charconv>
 
 #include "cli/TeskText.h"
@@ -51,6 +52,10 @@ Options Options::parse(const std::vector<std::string>& args, const std::string& 
   bool sinceGiven = false;
   for (size_t i = 0; i < args.size(); ++i) {
     const std::string& a = args[i];
+    if (a.rfind("--", 0) == 0) {
+      const std::string flag = a == "--include-tapbacks" ? "--include-reactions" : a;
+      if (std::find(o.given.begin(), o.given.end(), flag) == o.given.end()) o.given.push_back(flag);
+    }
     auto value = [&]() -> const std::string& {
       if (i + 1 >= args.size()) throw OptionError(a + " needs a value");
       return args[++i];

@@ -42,6 +42,9 @@ struct Options {
   std::optional<TeskBucket::Kind> by;
   // --cursor: continue an answer after this row (the `next` of a capped answer).
   std::optional<TeskCursor> cursor;
+  // The selectors given, each once, in order of first appearance (an alias under the
+  // name it stands for): what the answer must honour or say it did not.
+  std::vector<std::string> given;
 
   // Parses the arguments after the verb; throws OptionError at the first bad one.
   // `zone` is the local zone for dates without a designator ("" = process zone).

@@ -29,7 +29,8 @@ const std::string_view usage =
   tesk api               this binary's own surface, as JSON — what the agent
                          is told it can call is checked against this
 
-selectors — identical on every verb
+selectors — identical on every verb; one a source or an answer cannot honour
+(--unread on a calendar, --limit on `who`) is named in the receipt's notes
   --src im,web           im · mail · cal · reminder · web (= chrome,arc,safari)
                          or a browser by name.
                          Rows from every source merge and sort on `ts` — a path
@@ -67,9 +68,9 @@ selectors — identical on every verb
   --include-reactions    tapbacks are excluded by default (6.35% of rows)
   --no-groups            drop chat.style=43 threads
   --include-filtered     include chats Apple flagged unknown-sender
-  --unread               only messages you have not read — incoming, finished,
-                         not a system message. Older stores lack the columns;
-                         the receipt says `schema_lacks` when they do.
+  --unread               only messages and mail you have not read — incoming,
+                         finished, not a system message. Older stores lack the
+                         columns; the receipt says `schema_lacks` when they do.
   --db PATH              read a specific store instead of the default
   --budget N             character budget before switching to agg (default 30000)
 

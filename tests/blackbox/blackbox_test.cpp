@@ -204,6 +204,15 @@ TEST(BlackBox, SqlVerbAnswersAndRefusesWrites) {
   EXPECT_EQ(count.lines[1], "n");
   EXPECT_EQ(count.lines[2], "5");
   EXPECT_TRUE(has(count.lines[0], "\"decoded\":{\"n\":0,\"of\":0"));  // a count decodes nothing
+  // The statement's table, from the message store alone, whatever --by and --src ask.
+  Answer asked =
+      tesk({"sql", "SELECT COUNT(*) AS n FROM tesk_message", "--by", "day", "--src", "im,cal"},
+           h.path());
+  EXPECT_EQ(asked.exit, 0) << asked.text;
+  EXPECT_EQ(std::vector<std::string>(asked.lines.begin() + 1, asked.lines.end() - 1),
+            std::vector<std::string>(count.lines.begin() + 1, count.lines.end() - 1));
+  EXPECT_TRUE(has(asked.lines[0], "--src: `sql` reads the message store alone — not read: cal"));
+  EXPECT_FALSE(has(asked.lines[0], "\"cal\""));
   Answer refused = tesk({"sql", "DELETE FROM message"}, h.path());
   EXPECT_EQ(refused.exit, 4);
   expectFramed(refused);

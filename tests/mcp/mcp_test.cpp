@@ -241,7 +241,8 @@ TEST(TeskMCPTools, OneToolPerVerbWithTheCatalogueSelectors) {
   EXPECT_EQ(property("cal", "by").member("enum")->array()->size(), 6u);
   EXPECT_FALSE(property("span", "src").member("enum"));  // a comma list is no single value
   EXPECT_FALSE(property("span", "who").member("enum"));
-  EXPECT_FALSE(tool("cal").member("inputSchema")->member("properties")->member("text"));
+  EXPECT_TRUE(tool("cal").member("inputSchema")->member("properties")->member("text"));
+  EXPECT_FALSE(tool("views").member("inputSchema")->member("properties")->member("text"));
 }
 
 // The catalogue's shapes agree with the parser: a toggle stands alone, every other
@@ -285,6 +286,7 @@ TEST(TeskMCPTools, ArgumentsBecomeTheCommandLineInCatalogueOrder) {
       {"thread", "{\"who\":\"5550123\",\"text\":\"--limit\"}", {"--who", "5550123", "--limit"}},
       {"sql", "{\"text\":\"SELECT 1\",\"limit\":-1}", {"--limit", "-1", "SELECT 1"}},
       {"who", "{\"text\":\"me\"}", {"me"}},
+      {"mail", "{\"text\":\"invoice\",\"unread\":true}", {"--unread", "invoice"}},
       {"doctor", "{}", {}},
   };
   for (const Case& c : cases) {
@@ -312,7 +314,7 @@ TEST(TeskMCPTools, WrongShapesAreInvalidParams) {
       {"span", "{\"who\":null}"},
       {"span", "{\"include-reactions\":true}"},
       {"span", "{\"colour\":\"red\"}"},
-      {"cal", "{\"text\":\"x\"}"},
+      {"views", "{\"text\":\"x\"}"},
       {"doctor", "{\"limit\":1}"},
       {"search", "{\"text\":[\"a\"]}"},
   };

@@ -126,7 +126,7 @@ await check('tools/list: one tool per verb of the catalogue, schemas from its ta
       if (s.values && s.flag !== '--src') assert.deepEqual(p.enum, s.values, s.flag);
     }
   }
-  for (const v of ['search', 'thread', 'span', 'im', 'who', 'sql']) {
+  for (const v of ['search', 'thread', 'span', 'im', 'cal', 'mail', 'who', 'sql']) {
     assert.equal(tools[v].inputSchema.properties.text.type, 'string', v);
   }
   assert.deepEqual(tools.thread.inputSchema.required, ['who']);
@@ -141,7 +141,7 @@ const calls = {
   thread: { who: '5550123', format: 'tsv', limit: 5 },
   span: { ...window, src: 'im,mail,cal,reminder,web', format: 'json', limit: 8 },
   im: { ...window, text: 'the', format: 'tsv', limit: 4, include_reactions: true },
-  cal: { ...window, format: 'tsv', limit: 5 },
+  cal: { ...window, text: 'sync', format: 'tsv', limit: 5, unread: true },
   mail: { ...window, format: 'tsv', limit: 3, assert: ['rows>=1', 'capped'] },
   who: { text: 'me' },
   sql: { text: 'SELECT count(*) AS n FROM tesk_message' },
@@ -163,6 +163,7 @@ await check('every tool answers what the command line prints', async () => {
     assert.ok(receipt, `${tool}: receipt`);
     assert.equal(text.trimEnd().split('\n').at(-1), text.split('\n')[0], `${tool}: two receipts`);
     assert.deepEqual({ ...r.structuredContent.receipt, ms: 0 }, { ...receipt, ms: 0 }, tool);
+    if (tool === 'cal') assert.ok(receipt.notes.some((n) => n.startsWith('--unread: ')), 'cal: --unread note');
   }
 });
 
@@ -192,7 +193,7 @@ await check('error paths answer and the session survives them', async () => {
   assert.equal(orphan.structuredContent.receipt, null);
 
   assert.equal(await protocolError(() => client.callTool({ name: 'rm', arguments: {} })), -32602);
-  assert.equal(await protocolError(() => client.callTool({ name: 'cal', arguments: { text: 'x' } })), -32602);
+  assert.equal(await protocolError(() => client.callTool({ name: 'views', arguments: { text: 'x' } })), -32602);
 
   await client.ping();
   const after = await client.callTool({ name: 'who', arguments: { text: 'me' } });

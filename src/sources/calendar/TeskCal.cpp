@@ -156,7 +156,9 @@ class Selectors {
   explicit Selectors(const TeskIMessage::Filter& f) : filter_(f) {
     if (f.query && !f.query->empty()) query_.emplace(*f.query);
   }
-  bool pass(const std::string& calendarTitle, const std::string& title, TeskRow::Direction dir) {
+  bool pass(const std::string& calendarTitle, const std::string& title, TeskRow::Direction dir,
+            bool group) {
+    if (group && !filter_.includeGroups) return false;  // --no-groups: events with attendees
     if (filter_.who && !filter_.who->empty() && !whoMatches(calendarTitle)) return false;
     if (query_ && !query_->in(title)) return false;
     if (filter_.grep && !filter_.grep->search(title)) return false;
@@ -272,7 +274,7 @@ Result read(const TeskIMessage::Filter& filter, double now, const std::string& h
                 .emplace(calendarTitle, CalendarFace{calendarTitle, TeskText::lower(calendarTitle)})
                 .first;
       }
-      const bool selected = selectors.pass(calendarTitle, title, dir);
+      const bool selected = selectors.pass(calendarTitle, title, dir, group);
 
       if (row.isNull(11)) {
         ++result.single;

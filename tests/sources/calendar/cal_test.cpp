@@ -179,14 +179,16 @@ TEST(TeskCalRead, SelectorsAndDirection) {
   struct Event {
     std::string title;
     int64_t calendar, organizer, self;
+    int hasAttendees = 0;
   };
   // Invited: somebody organised it (organizer >= 1) and the owner attends (self > 0).
   for (const Event& e : {Event{resume, work, 3, 4}, Event{"Planning", work, 0, 0},
-                         Event{"Dinner", family, 2, 0}, Event{"Party", family, 1, 1}}) {
+                         Event{"Dinner", family, 2, 0}, Event{"Party", family, 1, 1, 1}}) {
     Item it = event(e.title, "2026-03-02T10:00:00Z");
     it.calendar = e.calendar;
     it.organizer = e.organizer;
     it.selfAttendee = e.self;
+    it.hasAttendees = e.hasAttendees;
     store.item(it);
   }
   using F = TeskIMessage::Filter;
@@ -205,6 +207,7 @@ TEST(TeskCalRead, SelectorsAndDirection) {
       {with([](F& f) { f.query = "family"; }), {}},
       {with([](F& f) { f.grep = TeskRegex::compile("^(plan|din)"); }), {"Planning", "Dinner"}},
       {with([](F& f) { f.direction = TeskRow::Direction::incoming; }), {resume, "Party"}},
+      {with([](F& f) { f.includeGroups = false; }), {resume, "Planning", "Dinner"}},
       {with([](F& f) {
          f.direction = TeskRow::Direction::outgoing;
          f.who = "fam";
