@@ -65,29 +65,12 @@ TEST(ContactsAccountHandle, OnlyASignedInAccountWithAnEmail) {
       {R"({"token":"x","email":"a@b","email":1})", std::nullopt},   // last duplicate wins
       {R"({"token":"x","nested":{"email":"a@b"}})", std::nullopt},  // top level only
       {R"([{"token":"x","email":"a@b"}])", std::nullopt},
+      // Not JSON at all (TeskJSONValue's own tests hold the malformed forms).
       {R"({"token":"x","email":"a@b"} trailing)", std::nullopt},
-      {R"({"token":"x","email":"a@b",})", std::nullopt},
-      {R"({"token":"x","email":"a@b")", std::nullopt},
-      {R"({"token":"x","email":"a@b", "n": 01})", std::nullopt},
-      {R"({"token":"x","email":"a@b", "n": -})", std::nullopt},
-      {R"({"token":"x","email":"bad\q@b"})", std::nullopt},
-      {R"({"token":"x","email":"\ud800@b"})", std::nullopt},      // lone surrogate
-      {"{\"token\":\"x\",\"email\":\"a\tb@c\"}", std::nullopt},   // raw control character
-      {"{\"token\":\"x\",\"email\":\"a\xFF@b\"}", std::nullopt},  // invalid UTF-8
       {"", std::nullopt},
-      {"{", std::nullopt},
       {"null", std::nullopt},
   };
   for (const auto& c : cases) EXPECT_EQ(TeskContacts::accountHandle(c.json), c.handle) << c.json;
-}
-
-TEST(ContactsAccountHandle, DeepNestingIsRejectedNotRecursed) {
-  std::string deep = R"({"token":"x","email":"a@b","n":)" + std::string(100000, '[') +
-                     std::string(100000, ']') + "}";
-  EXPECT_EQ(TeskContacts::accountHandle(deep), std::nullopt);
-  std::string shallow =
-      R"({"token":"x","email":"a@b","n":)" + std::string(20, '[') + std::string(20, ']') + "}";
-  EXPECT_EQ(TeskContacts::accountHandle(shallow), "a@b");
 }
 
 TEST(ContactsBooks, TopLevelThenSourcesByName) {
