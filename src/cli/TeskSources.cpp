@@ -81,8 +81,9 @@ void readMessages(const ReadContext& ctx, const std::vector<std::string>&, Accum
   acc.feeds.push_back(std::move(feed));
 }
 
-// A producer that hands over all its rows at once: they stream from a list, and its
-// counts go into the receipt when the rows have passed, as the others' do.
+// A producer that hands over all its rows at once (mail, calendar, reminders): they
+// stream from a list, and its counts go into the receipt when the rows have passed,
+// as the others' do.
 template <typename Result, typename Finish>
 void addFeed(Accumulator& acc, Result&& r, Finish finish) {
   Feed feed;
@@ -93,16 +94,20 @@ void addFeed(Accumulator& acc, Result&& r, Finish finish) {
 
 void readBrowsers(const ReadContext& ctx, const std::vector<std::string>& requested,
                   Accumulator& acc) {
-  std::set<std::string> only(requested.begin(), requested.end());
-  addFeed(acc, TeskWeb::read(ctx.filter, only, ctx.env.home),
-          [](Accumulator& acc, const TeskWeb::Result& r) {
-            acc.denied.insert(acc.denied.end(), r.denied.begin(), r.denied.end());
-            for (const auto& [key, n] : r.perSource) acc.perSource[key] = n;
-            for (const auto& [key, span] : r.horizons) acc.horizons[key] = span;
-            if (r.horizon) acc.widenHorizon(*r.horizon);
-            acc.receipt.excludedNoHost += r.excludedNoHost;
-            for (std::string& note : TeskWeb::notes(r)) acc.notes.push_back(std::move(note));
-          });
+  auto stream = std::make_unique<TeskWeb::Stream>(
+      ctx.filter, std::set<std::string>(requested.begin(), requested.end()), ctx.env.home);
+  Feed feed;
+  feed.finish = [stream = stream.get()](Accumulator& acc) {
+    const TeskWeb::Result r = stream->finish();
+    acc.denied.insert(acc.denied.end(), r.denied.begin(), r.denied.end());
+    for (const auto& [key, n] : r.perSource) acc.perSource[key] = n;
+    for (const auto& [key, span] : r.horizons) acc.horizons[key] = span;
+    if (r.horizon) acc.widenHorizon(*r.horizon);
+    acc.receipt.excludedNoHost += r.excludedNoHost;
+    for (std::string& note : TeskWeb::notes(r)) acc.notes.push_back(std::move(note));
+  };
+  feed.rows = std::move(stream);
+  acc.feeds.push_back(std::move(feed));
 }
 
 void readMail(const ReadContext& ctx, const std::vector<std::string>&, Accumulator& acc) {

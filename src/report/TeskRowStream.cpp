@@ -10,6 +10,28 @@ TeskRowList::TeskRowList(std::vector<TeskRow>&& rows) : owned_(std::move(rows)) 
   left_ = owned_.size();
 }
 
+const TeskRow* TeskInstantOrder::next() {
+  if (!instant_.empty()) instant_.pop_back();
+  if (!instant_.empty()) return &instant_.back();
+  if (ahead_) {
+    instant_.push_back(std::move(*ahead_));
+    ahead_.reset();
+  } else if (TeskRow row; pull_(row)) {
+    instant_.push_back(std::move(row));
+  } else {
+    return nullptr;
+  }
+  for (TeskRow row; pull_(row);) {
+    if (row.ts != instant_.front().ts) {
+      ahead_ = std::move(row);
+      break;
+    }
+    instant_.push_back(std::move(row));
+  }
+  if (instant_.size() > 1) std::sort(instant_.begin(), instant_.end(), TeskRow::answerOrder);
+  return &instant_.back();
+}
+
 const TeskRow* TeskRowMerge::next() {
   if (taken_) taken_->head = taken_->stream->next();
   taken_ = nullptr;

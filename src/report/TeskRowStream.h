@@ -3,7 +3,9 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <vector>
 
@@ -36,6 +38,23 @@ class TeskRowList final : public TeskRowStream {
   std::vector<TeskRow> owned_;
   std::span<const TeskRow> rows_;
   size_t left_;
+};
+
+// Rows pulled from a statement that walks its store's time column newest first: ts never
+// grows, but rows of one instant come in the store's order, so each instant is gathered
+// and handed out in answer order.
+class TeskInstantOrder final : public TeskRowStream {
+ public:
+  // Fills the next row newest first; false at the end.
+  using Pull = std::function<bool(TeskRow& row)>;
+  explicit TeskInstantOrder(Pull pull) : pull_(std::move(pull)) {}
+
+  const TeskRow* next() override;
+
+ private:
+  Pull pull_;
+  std::vector<TeskRow> instant_;  // answer order, the newest at the back
+  std::optional<TeskRow> ahead_;  // the first row of the next instant
 };
 
 // One time axis from several streams: each is newest first, and so is the merge. Rows

@@ -449,45 +449,6 @@ constexpr const char* kOtherDates =
 
 }  // namespace
 
-// The statement's rows at one instant, put in answer order before they go out (two
-// nanosecond dates can make one ts).
-class Stream::Dated final : public TeskRowStream {
- public:
-  Dated(Stream& owner, TeskStore::Cursor cursor) : owner_(owner), cursor_(std::move(cursor)) {}
-
-  const TeskRow* next() override {
-    if (!instant_.empty()) instant_.pop_back();
-    if (instant_.empty()) fill();
-    return instant_.empty() ? nullptr : &instant_.back();
-  }
-
- private:
-  void fill() {
-    if (ahead_) {
-      instant_.push_back(std::move(*ahead_));
-      ahead_.reset();
-    } else if (TeskRow row; owner_.pull(cursor_, row)) {
-      instant_.push_back(std::move(row));
-    } else {
-      return;
-    }
-    for (TeskRow row; owner_.pull(cursor_, row);) {
-      if (row.ts != instant_.front().ts) {
-        ahead_ = std::move(row);
-        break;
-      }
-      instant_.push_back(std::move(row));
-    }
-    // Oldest first, so the newest is at the back and leaves first.
-    if (instant_.size() > 1) std::sort(instant_.begin(), instant_.end(), TeskRow::answerOrder);
-  }
-
-  Stream& owner_;
-  TeskStore::Cursor cursor_;
-  std::vector<TeskRow> instant_;
-  std::optional<TeskRow> ahead_;
-};
-
 Stream::Stream(TeskStore& store, const Filter& filter, const std::string& home)
     : store_(store),
       filter_(filter),
@@ -534,10 +495,12 @@ Stream::Stream(TeskStore& store, const Filter& filter, const std::string& home)
   } else {
     dated += std::string(" AND ") + kNumericDate;
   }
-  dated_ = std::make_unique<Dated>(
-      *this, TeskStore::Cursor(store_, dated + "\nORDER BY m.date DESC", binds));
+  // Two nanosecond dates can round to one ts: those rows are put in id order.
+  dated_.emplace(store_, dated + "\nORDER BY m.date DESC", binds);
+  instants_ =
+      std::make_unique<TeskInstantOrder>([this](TeskRow& row) { return pull(*dated_, row); });
   merge_.add(*others_);
-  merge_.add(*dated_);
+  merge_.add(*instants_);
 }
 
 Stream::~Stream() = default;

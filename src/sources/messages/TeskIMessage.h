@@ -102,9 +102,7 @@ class Stream final : public TeskRowStream {
   // The rows the filter kept so far (all of them once the stream has ended).
   int64_t kept() const { return kept_; }
 
- private:
-  class Dated;
-  // Steps `cursor` to the next row the filter keeps; false at the end or on an error
+ private:  // Steps `cursor` to the next row the filter keeps; false at the end or on an error
   // (kept for finish()).
   bool pull(TeskStore::Cursor& cursor, TeskRow& row);
   // Counts the row's exclusions; true, with `row` filled, when the answer keeps it.
@@ -128,7 +126,8 @@ class Stream final : public TeskRowStream {
   bool filesReadable_ = true;
   std::optional<TeskStoreError> error_;
   std::optional<TeskRowList> others_;
-  std::unique_ptr<Dated> dated_;
+  std::optional<TeskStore::Cursor> dated_;
+  std::unique_ptr<TeskInstantOrder> instants_;
   TeskRowMerge merge_;
 };
 

@@ -81,11 +81,11 @@ std::string_view querySQL(Source::Engine engine) {
     case Source::Engine::chromium:
       return "SELECT v.id, v.visit_time, u.url, u.title\n"
              "FROM visits v JOIN urls u ON u.id = v.url\n"
-             "ORDER BY v.visit_time";
+             "ORDER BY v.visit_time DESC";
     case Source::Engine::webkit:
       return "SELECT v.id, v.visit_time, i.url, v.title\n"
              "FROM history_visits v JOIN history_items i ON i.id = v.history_item\n"
-             "ORDER BY v.visit_time";
+             "ORDER BY v.visit_time DESC";
   }
   return {};
 }
@@ -118,6 +118,8 @@ void widen(std::optional<TeskSpan>& span, double t) {
   span->to = std::max(span->to, t);
 }
 
+}  // namespace
+
 // The filter's selectors, prepared once per read rather than once per row.
 struct Selectors {
   explicit Selectors(const TeskIMessage::Filter& f)
@@ -139,6 +141,8 @@ struct Selectors {
   const std::string* who;
   TeskText::Needle needle;
 };
+
+namespace {
 
 // A window bound in the store's own time unit, one unit looser than the instant so
 // rounding never drops a visit (the exact test on the converted instant stays in the
@@ -227,86 +231,132 @@ std::optional<TeskSpan> storeSpan(TeskStore& store, Source::Engine engine) {
   return span;
 }
 
-// One source's visits appended to `out`; a statement failure ends the source
-// with a denial, keeping what it had emitted.
-void readSource(const Source& source, const Selectors& sel, Result& out,
-                std::optional<TeskSpan>& overall) {
-  std::optional<TeskStore> store;
-  try {
-    store.emplace(source.path);
-  } catch (const TeskStoreError& e) {
-    out.denied.push_back(source.key + ": " + e.description());
-    return;
-  }
-  const TeskIMessage::Filter& f = sel.filter;
-  std::optional<TeskSpan> span;
-  int64_t emitted = 0;
-  const std::string prefix = source.key + ":";
-  try {
-    std::vector<TeskValue> binds;
-    const std::string sql = windowSQL(source.engine, f, binds);
-    // Without a window the one pass sees every visit and measures the span itself.
-    const bool windowed = !binds.empty();
-    if (windowed) {
-      span = storeSpan(*store, source.engine);
-      if (span) {
-        widen(overall, span->from);
-        widen(overall, span->to);
-      }
-    }
-    // Without a window the pass below meets every visit and counts them itself.
-    int64_t& noInstant = out.noInstant[source.key];
-    if (windowed) noInstant = countNoInstant(*store, source.engine);
-    store->query(sql, binds, [&](const TeskRowReader& r) {
-      std::optional<double> t;
-      if (r.isNumber(1)) {
-        t = source.engine == Source::Engine::chromium ? chromiumInstant(r.integer(1))
-                                                      : webkitInstant(r.real(1));
-      }
-      if (!t) {
-        if (!windowed) ++noInstant;
-        return;
-      }
-      if (!windowed) {
-        widen(span, *t);
-        widen(overall, *t);
-      }
-      if ((f.since && *t < *f.since) || (f.until && *t > *f.until)) return;
-      std::string_view url = r.textView(2).value_or(std::string_view());
-      std::string_view title = r.textView(3).value_or(std::string_view());
-      std::string hostName = host(url);
-      if (hostName.empty()) {
-        ++out.excludedNoHost;
-        return;
-      }
-      std::string body;
-      if (title.empty()) {
-        body = url;
-      } else {
-        body.reserve(title.size() + url.size() + 4);
-        body.append(title).append(" \xC2\xB7 ").append(url);
-      }
-      if (!sel.keep(hostName, body)) return;
-      TeskRow row;
-      row.id = prefix + std::to_string(r.integer(0));
-      row.ts = *t;
-      row.src = source.key;
-      row.who = hostName;
-      row.teskID = std::move(hostName);
-      row.dir = TeskRow::Direction::outgoing;
-      row.kind = TeskRow::Kind::text;
-      row.body = std::move(body);
-      out.rows.push_back(std::move(row));
-      ++emitted;
-    });
-  } catch (const TeskStoreError& e) {
-    out.denied.push_back(source.key + ": schema moved \xE2\x80\x94 " + e.description());
-  }
-  out.perSource[source.key] = emitted;
-  if (span) out.horizons[source.key] = *span;
-}
-
 }  // namespace
+
+// One history's visits, newest first: a statement failure ends the source with a
+// denial, keeping what it had handed out.
+class Stream::Reader final : public TeskRowStream {
+ public:
+  Reader(const Source& source, const Selectors& sel, std::optional<TeskSpan>& overall)
+      : source_(source), sel_(sel), prefix_(source.key + ":") {
+    try {
+      store_.emplace(source.path);
+    } catch (const TeskStoreError& e) {
+      denial_ = source.key + ": " + e.description();
+      return;
+    }
+    try {
+      std::vector<TeskValue> binds;
+      const std::string sql = windowSQL(source.engine, sel.filter, binds);
+      // Without a window the one pass sees every visit and measures the span itself.
+      windowed_ = !binds.empty();
+      if (windowed_) {
+        span_ = storeSpan(*store_, source.engine);
+        if (span_) {
+          widen(overall, span_->from);
+          widen(overall, span_->to);
+        }
+      }
+      // Without a window the pass below meets every visit and counts them itself.
+      noInstant_ = 0;
+      if (windowed_) noInstant_ = countNoInstant(*store_, source.engine);
+      cursor_.emplace(*store_, sql, binds);
+    } catch (const TeskStoreError& e) {
+      fail(e);
+    }
+  }
+
+  const TeskRow* next() override { return instants_.next(); }
+
+  // The source's counts into `out`, in the order the sources were read.
+  void finish(Result& out, std::optional<TeskSpan>& overall) const {
+    if (!store_) {
+      out.denied.push_back(*denial_);
+      return;
+    }
+    if (noInstant_) out.noInstant[source_.key] = *noInstant_;
+    out.excludedNoHost += excludedNoHost_;
+    if (!windowed_ && span_) {
+      widen(overall, span_->from);
+      widen(overall, span_->to);
+    }
+    if (denial_) out.denied.push_back(*denial_);
+    out.perSource[source_.key] = emitted_;
+    if (span_) out.horizons[source_.key] = *span_;
+  }
+
+ private:
+  void fail(const TeskStoreError& e) {
+    denial_ = source_.key + ": schema moved \xE2\x80\x94 " + e.description();
+    cursor_.reset();
+  }
+
+  bool pull(TeskRow& row) {
+    if (!cursor_) return false;
+    try {
+      while (cursor_->next()) {
+        if (keep(cursor_->row(), row)) return true;
+      }
+    } catch (const TeskStoreError& e) {
+      fail(e);
+    }
+    return false;
+  }
+
+  bool keep(const TeskRowReader& r, TeskRow& row) {
+    const TeskIMessage::Filter& f = sel_.filter;
+    std::optional<double> t;
+    if (r.isNumber(1)) {
+      t = source_.engine == Source::Engine::chromium ? chromiumInstant(r.integer(1))
+                                                     : webkitInstant(r.real(1));
+    }
+    if (!t) {
+      if (!windowed_) ++*noInstant_;
+      return false;
+    }
+    if (!windowed_) widen(span_, *t);
+    if ((f.since && *t < *f.since) || (f.until && *t > *f.until)) return false;
+    std::string_view url = r.textView(2).value_or(std::string_view());
+    std::string_view title = r.textView(3).value_or(std::string_view());
+    std::string hostName = host(url);
+    if (hostName.empty()) {
+      ++excludedNoHost_;
+      return false;
+    }
+    std::string body;
+    if (title.empty()) {
+      body = url;
+    } else {
+      body.reserve(title.size() + url.size() + 4);
+      body.append(title).append(" \xC2\xB7 ").append(url);
+    }
+    if (!sel_.keep(hostName, body)) return false;
+    row = TeskRow();
+    row.id = prefix_ + std::to_string(r.integer(0));
+    row.ts = *t;
+    row.src = source_.key;
+    row.who = hostName;
+    row.teskID = std::move(hostName);
+    row.dir = TeskRow::Direction::outgoing;
+    row.kind = TeskRow::Kind::text;
+    row.body = std::move(body);
+    ++emitted_;
+    return true;
+  }
+
+  Source source_;
+  const Selectors& sel_;
+  std::string prefix_;
+  std::optional<TeskStore> store_;
+  std::optional<TeskStore::Cursor> cursor_;  // declared after the store: it goes first
+  bool windowed_ = false;
+  std::optional<TeskSpan> span_;
+  std::optional<int64_t> noInstant_;  // set once the store's statements prepared
+  int64_t excludedNoHost_ = 0;
+  int64_t emitted_ = 0;
+  std::optional<std::string> denial_;
+  TeskInstantOrder instants_{[this](TeskRow& row) { return pull(row); }};
+};
 
 std::vector<std::string> notes(const Result& result) {
   std::vector<std::string> out;
@@ -319,28 +369,36 @@ std::vector<std::string> notes(const Result& result) {
   return out;
 }
 
-Result read(const TeskIMessage::Filter& filter, const std::optional<std::set<std::string>>& only,
-            const std::string& home) {
-  Result out;
-  const Selectors sel(filter);
-  std::optional<TeskSpan> overall;
-  const auto byTime = [](const TeskRow& a, const TeskRow& b) { return a.ts < b.ts; };
+Stream::Stream(const TeskIMessage::Filter& filter, const std::optional<std::set<std::string>>& only,
+               const std::string& home)
+    : selectors_(std::make_unique<Selectors>(filter)) {
   for (const Source& source : sources(home)) {
     if (only && !only->contains(source.key)) continue;
-    const auto first = static_cast<std::ptrdiff_t>(out.rows.size());
-    readSource(source, sel, out, overall);
-    // Each history is read in time order, so its rows normally arrive sorted and
-    // one stable merge with the earlier sources replaces a full sort (the sort was
-    // a tenth of a 100,000-visit read). A store whose times are not plain numbers
-    // may break that order; its own rows are then sorted first.
-    const auto begin = out.rows.begin();
-    const auto middle = begin + first;
-    if (!std::is_sorted(middle, out.rows.end(), byTime)) {
-      std::stable_sort(middle, out.rows.end(), byTime);
-    }
-    std::inplace_merge(begin, middle, out.rows.end(), byTime);
+    readers_.push_back(std::make_unique<Reader>(source, *selectors_, overall_));
+    merge_.add(*readers_.back());
   }
+}
+
+Stream::~Stream() = default;
+
+const TeskRow* Stream::next() { return merge_.next(); }
+
+Result Stream::finish() const {
+  Result out;
+  std::optional<TeskSpan> overall = overall_;
+  for (const auto& reader : readers_) reader->finish(out, overall);
   out.horizon = overall;
+  return out;
+}
+
+Result read(const TeskIMessage::Filter& filter, const std::optional<std::set<std::string>>& only,
+            const std::string& home) {
+  Stream stream(filter, only, home);
+  std::vector<TeskRow> newestFirst;
+  while (const TeskRow* row = stream.next()) newestFirst.push_back(*row);
+  Result out = stream.finish();
+  out.rows.assign(std::make_move_iterator(newestFirst.rbegin()),
+                  std::make_move_iterator(newestFirst.rend()));
   return out;
 }
 

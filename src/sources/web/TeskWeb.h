@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -13,10 +14,13 @@
 #include <vector>
 
 #include "report/TeskRow.h"
+#include "report/TeskRowStream.h"
 #include "report/TeskSpan.h"
 #include "sources/messages/TeskFilter.h"
 
 namespace TeskWeb {
+
+struct Selectors;
 
 // One browser history file that exists under the home directory.
 struct Source {
@@ -27,7 +31,7 @@ struct Source {
 };
 
 struct Result {
-  std::vector<TeskRow> rows;        // ascending by ts (stable)
+  std::vector<TeskRow> rows;        // in answer order (TeskRow::answerOrder)
   std::optional<TeskSpan> horizon;  // over every read source; present only when from <= to
   std::vector<std::string> denied;  // "<key>: <why>", one per source that could not be read
   std::map<std::string, int64_t> perSource;  // emitted rows per source key
@@ -44,9 +48,31 @@ std::vector<std::string> notes(const Result& result);
 // The known histories whose file exists, in the order chrome, arc, safari.
 std::vector<Source> sources(const std::string& home);
 
-// Reads every source of `sources(home)` whose key is in `only` (all when absent).
-// Uses filter.since/until/who/direction/grep/query. Never throws: whatever cannot
-// be read becomes a `denied` entry and the other sources are still read.
+// The visits of every source of `sources(home)` whose key is in `only` (all when
+// absent) as they are read, newest first, each history walked down its visit-time
+// index; the counts of a Result once the last row has passed. Uses
+// filter.since/until/who/direction/grep/query, which must outlive the stream. Never
+// throws: whatever cannot be read becomes a `denied` entry and the other sources are
+// still read.
+class Stream final : public TeskRowStream {
+ public:
+  Stream(const TeskIMessage::Filter& filter, const std::optional<std::set<std::string>>& only,
+         const std::string& home);
+  ~Stream() override;
+
+  const TeskRow* next() override;
+  // The counts, horizons and denials, rows left empty; complete once the stream ended.
+  Result finish() const;
+
+ private:
+  class Reader;
+  std::unique_ptr<Selectors> selectors_;
+  std::optional<TeskSpan> overall_;  // the windowed sources' spans, known up front
+  std::vector<std::unique_ptr<Reader>> readers_;
+  TeskRowMerge merge_;
+};
+
+// The stream drained: every row, in answer order, and the counts.
 Result read(const TeskIMessage::Filter& filter, const std::optional<std::set<std::string>>& only,
             const std::string& home);
 
@@ -62,7 +88,7 @@ std::optional<double> chromiumInstant(int64_t microsSince1601);
 // nothing for an instant at or before 1970, from 2200 on, or a non-finite value.
 std::optional<double> webkitInstant(double secondsSince2001);
 
-// The statement each engine is read with, one ordered pass.
+// The statement each engine is read with, one pass newest first.
 std::string_view querySQL(Source::Engine engine);
 
 }  // namespace TeskWeb
