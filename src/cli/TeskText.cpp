@@ -52,12 +52,33 @@ std::u16string fold(std::string_view utf8) {
   return foldWhole(utf8);
 }
 
+// Every search tests every body, so candidates are found with memchr (one scan for
+// each case of the first character) rather than compared byte by byte.
 bool asciiContains(std::string_view hay, std::string_view needleLower) {
-  if (needleLower.empty()) return true;
-  if (needleLower.size() > hay.size()) return false;
-  auto it = std::search(hay.begin(), hay.end(), needleLower.begin(), needleLower.end(),
-                        [](char a, char b) { return asciiLower(a) == b; });
-  return it != hay.end();
+  const size_t m = needleLower.size();
+  if (m == 0) return true;
+  if (m > hay.size()) return false;
+  const char first = needleLower[0];
+  const char upper = (first >= 'a' && first <= 'z') ? static_cast<char>(first - 32) : first;
+  const size_t end = hay.size() - m + 1;  // one past the last possible start
+  auto next = [&](char c, size_t from) {
+    const void* at = std::memchr(hay.data() + from, c, end - from);
+    return at == nullptr ? end : static_cast<size_t>(static_cast<const char*>(at) - hay.data());
+  };
+  size_t lowAt = next(first, 0);
+  size_t upAt = upper == first ? end : next(upper, 0);
+  for (;;) {
+    const size_t i = std::min(lowAt, upAt);
+    if (i == end) return false;
+    size_t k = 1;
+    while (k < m && asciiLower(hay[i + k]) == needleLower[k]) ++k;
+    if (k == m) return true;
+    if (i == lowAt) {
+      lowAt = next(first, i + 1);
+    } else {
+      upAt = next(upper, i + 1);
+    }
+  }
 }
 
 }  // namespace
@@ -144,7 +165,13 @@ std::string shortestDecimal(double value) {
 }
 
 bool isASCII(std::string_view s) {
-  return std::all_of(s.begin(), s.end(),
+  size_t i = 0;
+  for (; i + 8 <= s.size(); i += 8) {
+    uint64_t word;
+    std::memcpy(&word, s.data() + i, 8);
+    if ((word & 0x8080808080808080ULL) != 0) return false;
+  }
+  return std::all_of(s.begin() + static_cast<std::ptrdiff_t>(i), s.end(),
                      [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
 
@@ -312,7 +339,45 @@ bool Needle::in(std::string_view hay) const {
     // ASCII has no marks, and its case folding is plain lowering.
     return asciiOnly_ && asciiContains(hay, ascii_);
   }
+  if (asciiOnly_) {
+    // Folding keeps every ASCII character in place, lowered: a match among the raw
+    // bytes is a match. Otherwise only the fold of the other code points can make one,
+    // and for an ASCII needle it is enough to know which of their folded units are ASCII.
+    if (asciiContains(hay, ascii_)) return true;
+    if (auto bytes = asciiFold(hay)) return asciiContains(*bytes, ascii_);
+  }
   return fold(hay).find(folded_) != std::u16string::npos;
+}
+
+std::optional<std::string> Needle::asciiFold(std::string_view hay) const {
+  std::string out;
+  out.reserve(hay.size());
+  const auto* p = reinterpret_cast<const uint8_t*>(hay.data());
+  const auto n = static_cast<int32_t>(hay.size());
+  for (int32_t i = 0; i < n;) {
+    int32_t run = i;
+    while (run < n && p[run] < 0x80) ++run;
+    out.append(hay.data() + i, static_cast<size_t>(run - i));  // lowered by asciiContains
+    if (run == n) break;
+    i = run;
+    UChar32 c;
+    U8_NEXT(p, i, n, c);
+    if (c < 0) return std::nullopt;
+    auto [at, fresh] = pieces_.try_emplace(static_cast<char32_t>(c));
+    if (fresh) {
+      // A code point folds alone as it does in any text that foldByCodePoint takes.
+      const std::string_view one =
+          hay.substr(static_cast<size_t>(run), static_cast<size_t>(i - run));
+      if (std::optional<std::u16string> f = foldByCodePoint(one)) {
+        std::string piece;
+        for (char16_t u : *f) piece += u < 0x80 ? static_cast<char>(u) : '\x80';
+        at->second = std::move(piece);
+      }
+    }
+    if (!at->second) return std::nullopt;
+    out += *at->second;
+  }
+  return out;
 }
 
 bool containsFolded(std::string_view haystack, std::string_view needle) {

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 
 namespace TeskText {
 
@@ -41,9 +42,17 @@ class Needle {
   bool in(std::string_view haystackUTF8) const;
 
  private:
+  // The fold of `hay` for an ASCII needle: ASCII lowered, every other UTF-16 unit of the
+  // fold as one byte 0x80 (which no ASCII needle holds); nothing when `hay` needs the
+  // whole-string fold.
+  std::optional<std::string> asciiFold(std::string_view hay) const;
+
   std::u16string folded_;
   std::string ascii_;  // the folded needle when it is all ASCII, else empty
   bool asciiOnly_ = false;
+  // asciiFold of each code point met so far (bodies repeat the same few); nothing for
+  // one that needs the whole-string fold.
+  mutable std::unordered_map<char32_t, std::optional<std::string>> pieces_;
 };
 
 // The search fold (NFD, nonspacing marks dropped, full case folding) computed over

@@ -198,6 +198,42 @@ TEST(TeskText, FoldedContainment) {
   EXPECT_EQ(TeskText::escapeTSV("a\\b\tc\nd\re"), "a\\\\b\\tc\\nd\\re");
 }
 
+// The search's shortcuts for an ASCII needle (raw bytes first, then only the folds of
+// the other code points) answer as the whole fold does, one needle across every text.
+TEST(TeskText, NeedleAgreesWithTheWholeFold) {
+  const char* hays[] = {
+      "Flight at 6:40 \xe2\x9c\x88\xef\xb8\x8f",  // emoji + VS16 (a mark that vanishes)
+      "\xef\xac\x82ight \xef\xac\x81le",          // ligatures fl, fi
+      "fl\xcc\x81ight",                           // a mark inside the word
+      "fl\xef\xb8\x8fight",                       // VS16 inside the word
+      "FL\xc4\xb0GHT \xc4\xb1",                   // İ (i + dot), dotless ı
+      "\xef\xbc\xa6\xef\xbd\x8c\xef\xbd\x89ght",  // fullwidth F, l, i
+      "Stra\xc3\x9f"
+      "e \xe1\xba\x9e",  // ß and capital ẞ
+      "\xe2\x84\xaa"
+      "elvin \xc5\xbf"
+      "ki",                                                 // KELVIN SIGN, long s
+      "caf\xc3\xa9 \xe2\x80\x9cresum\xc3\xa9\xe2\x80\x9d",  // é, curly quotes
+      "\xe6\x97\xa5\xe6\x9c\xac flight",                    // CJK then the word
+      "x\xf0\x9d\x85\xa5\xf0\x9d\x85\xaey fi",              // kept marks with a class
+      "\xe2"
+      "flight",  // ill-formed lead byte
+      "fl\xc3"
+      "ight \xf0\x9f",  // ill-formed inside, truncated end
+      "",
+  };
+  const char* needles[] = {"flight", "FLIGHT", "fi", "fle", "strasse",     "ss",          "k", "s",
+                           "cafe",   "resume", "i",  "ig",  "caf\xc3\xa9", "\xef\xac\x81"};
+  for (const char* n : needles) {
+    const TeskText::Needle needle(n);
+    const std::u16string folded = TeskText::foldWhole(n);
+    for (const char* h : hays) {
+      EXPECT_EQ(needle.in(h), TeskText::foldWhole(h).find(folded) != std::u16string::npos)
+          << h << " / " << n;
+    }
+  }
+}
+
 TEST(TeskRegex, CaseInsensitiveSearchAnywhere) {
   auto re = TeskRegex::compile("dinn+er");
   ASSERT_TRUE(re);
