@@ -169,7 +169,9 @@ const TeskFunctions::Decoded& TeskFunctions::decode(int64_t rowID,
   if (rowID >= 0 && rowID == memoRowID_ && memo_) return *memo_;
   Decoded d;
   d.outcome = TeskDecode::body(text, blob);
-  TeskDecode::Stripped s = TeskDecode::stripPlaceholders(d.outcome.body);
+  // The body moves into `stripped`: nobody reads the outcome's own copy.
+  TeskDecode::Stripped s = TeskDecode::stripPlaceholders(std::move(d.outcome.body));
+  d.outcome.body.reset();
   d.stripped = std::move(s.text);
   d.hadPlaceholder = s.hadPlaceholder;
   if (rowID < 0 || counted_.insert(rowID)) census_.record(d.outcome);

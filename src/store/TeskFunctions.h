@@ -37,7 +37,8 @@ class TeskFunctions {
                                                std::to_string(tapbackLow) + " AND " +
                                                std::to_string(tapbackHigh);
 
-  // One decoded row: the decoder's outcome plus the placeholder-stripped body.
+  // One decoded row: the decoder's outcome (its body moved out) plus the
+  // placeholder-stripped body.
   struct Decoded {
     TeskDecode::Outcome outcome;
     std::optional<std::string> stripped;

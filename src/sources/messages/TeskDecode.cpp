@@ -162,24 +162,28 @@ Outcome body(const std::optional<std::string_view>& text, Bytes blob) {
   return out;
 }
 
-Stripped stripPlaceholders(const std::optional<std::string>& body) {
+Stripped stripPlaceholders(std::optional<std::string> body) {
   Stripped out;
   if (!body) return out;
-  const std::string& text = *body;
-  if (text.find(kPlaceholder) == std::string::npos) {
-    out.text = std::string(TeskText::trim(text));
-    return out;
+  std::string& text = *body;
+  if (text.find(kPlaceholder) != std::string::npos) {
+    std::string removed;
+    removed.reserve(text.size());
+    size_t from = 0;
+    for (size_t at; (at = text.find(kPlaceholder, from)) != std::string::npos;
+         from = at + kPlaceholder.size()) {
+      removed.append(text, from, at - from);
+    }
+    removed.append(text, from, std::string::npos);
+    text = std::move(removed);
+    out.hadPlaceholder = true;
   }
-  std::string removed;
-  removed.reserve(text.size());
-  size_t from = 0;
-  for (size_t at; (at = text.find(kPlaceholder, from)) != std::string::npos;
-       from = at + kPlaceholder.size()) {
-    removed.append(text, from, at - from);
-  }
-  removed.append(text, from, std::string::npos);
-  out.text = std::string(TeskText::trim(removed));
-  out.hadPlaceholder = true;
+  // Trimmed in place: a body handed over is kept without a copy.
+  const std::string_view kept = TeskText::trim(text);
+  const auto begin = static_cast<size_t>(kept.data() - text.data());
+  text.erase(begin + kept.size());
+  text.erase(0, begin);
+  out.text = std::move(text);
   return out;
 }
 

@@ -56,6 +56,6 @@ struct Stripped {
   std::optional<std::string> text;
   bool hadPlaceholder = false;
 };
-Stripped stripPlaceholders(const std::optional<std::string>& body);
+Stripped stripPlaceholders(std::optional<std::string> body);
 
 }  // namespace TeskDecode
