@@ -54,8 +54,9 @@ TeskSQL::TeskSQL(TeskStore& store, const TeskIMessage::Filter& filter) : store_(
   std::string outerClause;
   for (const std::string& c : outer) outerClause += (outerClause.empty() ? "WHERE " : " AND ") + c;
   store_.execute("DROP VIEW IF EXISTS temp.tesk_message");
-  store_.execute(std::string(kViewHead) + TeskIMessage::projection(probed) + "\nWHERE " + where +
-                 "\n)\n" + outerClause);
+  store_.execute(std::string(kViewHead) +
+                 TeskIMessage::projection(probed, !filter.since && !filter.until) + "\nWHERE " +
+                 where + "\n)\n" + outerClause);
 }
 
 TeskSQL::Table TeskSQL::run(const std::string& sql) {

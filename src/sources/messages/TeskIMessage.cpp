@@ -42,10 +42,15 @@ constexpr const char* kP8 = "                               AS attachments\n";
 // else by pre-aggregating the join table (an inner join would drop messages in no
 // chat and duplicate those in two).
 constexpr const char* kFrom = "FROM message m\nLEFT JOIN handle h ON h.ROWID = m.handle_id\n";
-constexpr const char* kChatByIndex =
-    "LEFT JOIN chat_message_join j\n       ON j.message_id = m.ROWID\n      AND j.chat_id = "
-    "(SELECT MIN(chat_id) FROM chat_message_join\n                       WHERE message_id = "
-    "m.ROWID)\n";
+// With the message_id index the smallest chat is a correlated subquery, whose cursors are
+// opened per evaluation: more than twice the cost of a plain join. A statement over every
+// message lists once the messages with several join rows (a scan of the join table, worth
+// it only then) and takes the plain join for all the others.
+constexpr const char* kMinChat =
+    "(SELECT MIN(chat_id) FROM chat_message_join WHERE message_id = m.ROWID)";
+constexpr const char* kOneJoinRow =
+    "m.ROWID NOT IN (SELECT message_id FROM chat_message_join\n"
+    "                     GROUP BY message_id HAVING COUNT(*) > 1)";
 constexpr const char* kChatAggregated =
     "LEFT JOIN (SELECT message_id, MIN(chat_id) AS chat_id\n           FROM chat_message_join "
     "GROUP BY message_id) j\n       ON j.message_id = m.ROWID\n";
@@ -141,8 +146,6 @@ std::string readProjection(const Schema& schema, bool bodies) {
   // With the message_id index the chat is found straight from the smallest chat id,
   // which is looked up again only for a message whose chat row is missing: one index
   // search per message fewer than joins() makes (a third of the chat lookup's cost).
-  constexpr const char* kMinChat =
-      "(SELECT MIN(chat_id) FROM chat_message_join WHERE message_id = m.ROWID)";
   s += ",\n       ";
   s += schema.chatJoinIndex ? std::string("COALESCE(c.ROWID, ") + kMinChat + ", 0)"
                             : std::string("COALESCE(j.chat_id, 0)");
@@ -160,8 +163,14 @@ std::string readProjection(const Schema& schema, bool bodies) {
 
 }  // namespace
 
-std::string joins(const Schema& schema) {
-  return std::string(kFrom) + (schema.chatJoinIndex ? kChatByIndex : kChatAggregated) + kChat;
+std::string joins(const Schema& schema, bool everyMessage) {
+  if (!schema.chatJoinIndex) return std::string(kFrom) + kChatAggregated + kChat;
+  std::string s = std::string(kFrom) +
+                  "LEFT JOIN chat_message_join j\n       ON j.message_id = m.ROWID\n      AND ";
+  s += everyMessage
+           ? std::string("(") + kOneJoinRow + "\n           OR j.chat_id = " + kMinChat + ")"
+           : std::string("j.chat_id = ") + kMinChat;
+  return s + "\n" + kChat;
 }
 
 std::string defaultPath(const std::string& home) { return home + "/Library/Messages/chat.db"; }
@@ -242,7 +251,7 @@ std::pair<std::string, std::vector<TeskValue>> predicates(const Schema& schema,
   return {sql, hole.take()};
 }
 
-std::string projection(const Schema& schema) {
+std::string projection(const Schema& schema, bool everyMessage) {
   // With an index on message_attachment_join(message_id) the count is looked up per
   // projected row, so a statement that never reads it (a COUNT) never pays for it.
   const bool perRow = schema.attachments && schema.attachmentJoinIndex;
@@ -271,7 +280,7 @@ std::string projection(const Schema& schema) {
   s += kP7;
   s += att;
   s += kP8;
-  s += joins(schema);
+  s += joins(schema, everyMessage);
   if (schema.attachments && !perRow) {
     s += kAtt1;
     if (schema.hideAttachment) s += kAttHide;

@@ -77,12 +77,14 @@ std::pair<std::string, std::vector<TeskValue>> predicates(const Schema& schema,
                                                           bool keepTapbacks);
 
 // FROM message with its handle and chat joins (one chat per message, the smallest).
-std::string joins(const Schema& schema);
+// `everyMessage`: the statement reads every message, which pays for listing those in
+// several chats once (a scan of the join table) rather than a subquery per message.
+std::string joins(const Schema& schema, bool everyMessage = false);
 
 // The SELECT with its joins; columns 0..14 are row_id, ts, raw_date, is_from_me,
 // amt, who, tesk_id, kind, body, grp, filtered, chat_id, chat_identifier, unread,
 // attachments.
-std::string projection(const Schema& schema);
+std::string projection(const Schema& schema, bool everyMessage = false);
 
 // The rows of `filter` as they are read, newest first, and the counts of a Result once
 // the last has passed. The store must outlive the stream. `home` expands a leading "~"
