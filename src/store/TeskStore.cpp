@@ -114,14 +114,9 @@ std::optional<FileState> stateOf(const std::string& path) {
 
 // Modification time in unix seconds, or nothing when the attributes cannot be read.
 std::optional<double> modified(const std::string& path) {
-  struct stat st;
-  if (::stat(path.c_str(), &st) != 0) return std::nullopt;
-#ifdef __APPLE__
-  const struct timespec& t = st.st_mtimespec;
-#else
-  const struct timespec& t = st.st_mtim;
-#endif
-  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
+  std::optional<FileState> state = stateOf(path);
+  if (!state) return std::nullopt;
+  return static_cast<double>(state->seconds) + static_cast<double>(state->nanoseconds) / 1e9;
 }
 
 // The characters a URL path may carry unescaped; "?" and "#" are not among them,
