@@ -110,15 +110,14 @@ SqlAnswer sqlAnswer(TeskStore& store, const TeskIMessage::Filter& filter,
   SqlAnswer a;
   try {
     TeskSQL sql(store, filter);
-    TeskSQL::Table t = sql.run(statement);
+    TeskSQL::Table t = sql.run(statement, limit);
     std::string header;
     for (const std::string& c : t.columns) {
       header += (header.empty() ? "" : "\t") + TeskText::escapeTSV(c);
     }
     a.lines.push_back(header);
-    a.rowsTotal = static_cast<int64_t>(t.rows.size());
+    a.rowsTotal = t.total;
     for (const auto& row : t.rows) {
-      if (limit >= 1 && a.rowsOut >= limit) break;
       std::string line;
       for (size_t i = 0; i < row.size(); ++i) {
         if (i) line += '\t';

@@ -59,7 +59,7 @@ TeskSQL::TeskSQL(TeskStore& store, const TeskIMessage::Filter& filter) : store_(
                  where + "\n)\n" + outerClause);
 }
 
-TeskSQL::Table TeskSQL::run(const std::string& sql) {
+TeskSQL::Table TeskSQL::run(const std::string& sql, int64_t keep) {
   std::string head = TeskText::lower(TeskText::trim(sql));
   if (!head.starts_with("select") && !head.starts_with("with")) {
     throw TeskStoreError::sql(refusal());
@@ -79,6 +79,9 @@ TeskSQL::Table TeskSQL::run(const std::string& sql) {
       for (int i = 0; i < n; ++i) table.columns.push_back(r.columnName(i));
       named = true;
     }
+    const bool kept = keep < 1 || table.total < keep;
+    ++table.total;
+    if (!kept) return;
     std::vector<std::string> row;
     row.reserve(static_cast<size_t>(n));
     for (int i = 0; i < n; ++i) row.push_back(r.display(i).value_or(std::string()));

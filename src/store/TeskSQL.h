@@ -14,7 +14,8 @@ class TeskSQL {
  public:
   struct Table {
     std::vector<std::string> columns;
-    std::vector<std::vector<std::string>> rows;
+    std::vector<std::vector<std::string>> rows;  // the first `keep` of them
+    int64_t total = 0;                           // every row the statement gave
   };
 
   // The view's documentation, as `views` prints it.
@@ -31,8 +32,10 @@ class TeskSQL {
   TeskSQL& operator=(const TeskSQL&) = delete;
 
   // Runs one SELECT/WITH statement; refuses anything SQLite says could write.
-  // Cells: NULL -> "", BLOB -> "<blob NB>", else the text form. Throws TeskStoreError.
-  Table run(const std::string& sql);
+  // Cells: NULL -> "", BLOB -> "<blob NB>", else the text form. Rows past the first
+  // `keep` (0: none past) are counted, not kept: an answer that prints 50 rows of a
+  // million holds 50. Throws TeskStoreError.
+  Table run(const std::string& sql, int64_t keep = 0);
 
  private:
   TeskStore& store_;

@@ -204,6 +204,9 @@ TEST(BlackBox, SqlVerbAnswersAndRefusesWrites) {
   EXPECT_EQ(count.lines[1], "n");
   EXPECT_EQ(count.lines[2], "5");
   EXPECT_TRUE(has(count.lines[0], "\"decoded\":{\"n\":0,\"of\":0"));  // a count decodes nothing
+  Answer head = tesk({"sql", "SELECT id FROM tesk_message", "--limit", "2"}, h.path());
+  EXPECT_EQ(head.lines.size(), 5u) << head.text;
+  EXPECT_TRUE(has(head.lines[0], "\"rows_total\":5,\"rows_out\":2,\"capped\":true")) << head.text;
   // The statement's table, from the message store alone, whatever --by and --src ask.
   Answer asked =
       tesk({"sql", "SELECT COUNT(*) AS n FROM tesk_message", "--by", "day", "--src", "im,cal"},

@@ -574,6 +574,9 @@ TEST(IMessageSQL, CountDecodesNothingAndTheViewHonoursSelectors) {
   EXPECT_EQ(t.columns, std::vector<std::string>{"id"});
   t = sql.run("SELECT x'000102' AS b");
   EXPECT_EQ(t.rows[0][0], "<blob 3B>");
+  t = sql.run("SELECT id FROM tesk_message ORDER BY ts DESC", 3);  // keeps 3, counts all
+  EXPECT_EQ(t.rows.size(), 3u);
+  EXPECT_EQ(t.total, 10);
 }
 
 TEST(IMessageSQL, OneStatementOnly) {
