@@ -41,10 +41,14 @@ std::string joinArgs(const std::string& verb, const std::vector<std::string>& ar
   return q;
 }
 
-void frame(TeskOut& out, const TeskReceipt& receipt, const std::vector<std::string>& body) {
+void frame(TeskOut& out, const TeskReceipt& receipt, const std::vector<std::string>& body,
+           const TeskSpool* rest = nullptr) {
   std::string line = receipt.render();
   out.line(line);
   for (const std::string& b : body) out.line(b);
+  if (rest && !rest->each([&out](std::string_view l) { out.line(l); })) {
+    out.line("tesk: the end of this answer could not be read back from its temporary file");
+  }
   out.line(line);
 }
 
@@ -446,6 +450,7 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
   }
 
   std::vector<std::string> body;
+  std::shared_ptr<const TeskSpool> rest;
   if (buckets) {
     body = std::move(buckets->lines);
     r.rowsTotal = r.rowsOut = buckets->buckets;
@@ -478,6 +483,7 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
   } else if (emitted) {
     TeskEmitter::Output& o = *emitted;
     body = std::move(o.lines);
+    rest = std::move(o.rest);
     r.rowsOut = o.rowsOut;
     r.capped = o.capped;
     r.mode = o.mode;
@@ -492,7 +498,7 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
   acc.messageStore.reset();  // release the snapshot before the answer is written
   r.notes = notesWithDecode();
   r.elapsedMS = elapsedMS(started, env.clock());
-  frame(out, r, body);
+  frame(out, r, body, rest.get());
 
   if (auto failure = TeskAssert::evaluate(opts.asserts, r, now)) {
     out.line("tesk: assertion failed: " + failure->expression + " (actual: " + failure->actual +

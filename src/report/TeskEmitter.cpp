@@ -55,12 +55,13 @@ struct FileCloser {
 }  // namespace
 
 TeskEmitter::TeskEmitter(TeskFormat format, int64_t limit, int64_t budget, bool showBody,
-                         std::string tmpDir)
+                         std::string tmpDir, size_t heldBytes)
     : format_(format),
       limit_(limit),
       budget_(budget),
       showBody_(showBody),
-      tmpDir_(std::move(tmpDir)) {}
+      tmpDir_(std::move(tmpDir)),
+      heldBytes_(heldBytes) {}
 
 std::string_view TeskEmitter::rawValue(TeskFormat format) {
   switch (format) {
@@ -338,10 +339,21 @@ TeskEmitter::Output TeskEmitter::emit(TeskRowStream& rows) const {
 
   const int64_t limit = limit_ >= 1 ? limit_ : std::numeric_limits<int64_t>::max();
   std::optional<TeskCursor> last;  // just past the oldest row written
+  // The receipt goes first and counts every row, so the printed lines wait for the
+  // end of the stream: in memory up to heldBytes_, the rest in a spool.
+  size_t held = 0;
+  std::shared_ptr<TeskSpool> rest;
   auto show = [&](const TeskRow& row) {
-    output.lines.push_back(format_ == TeskFormat::json ? jsonLine(row, showBody_)
-                                                       : tsvLine(row, showBody_));
+    std::string line =
+        format_ == TeskFormat::json ? jsonLine(row, showBody_) : tsvLine(row, showBody_);
     last = TeskCursor::after(row);
+    if (!rest && held + line.size() > heldBytes_) rest = std::make_shared<TeskSpool>(tmpDir_);
+    if (rest) {
+      rest->add(line);
+    } else {
+      held += line.size() + 1;
+      output.lines.push_back(std::move(line));
+    }
   };
   if (format_ != TeskFormat::json) output.lines.push_back(header());
 
@@ -388,6 +400,7 @@ TeskEmitter::Output TeskEmitter::emit(TeskRowStream& rows) const {
       show(row);
     }
   }
+  output.rest = std::move(rest);
   output.mode = "rows";
   output.rowsOut = std::min(limit, total);
   output.capped = output.rowsOut < total;

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -15,6 +16,7 @@
 
 #include "report/TeskRow.h"
 #include "report/TeskRowStream.h"
+#include "report/TeskSpool.h"
 
 // How rows are rendered. `automatic` is the raw value "auto" (a C++ keyword).
 enum class TeskFormat { automatic, tsv, json, agg };
@@ -28,11 +30,17 @@ class TeskEmitter {
     bool capped = false;             // the written rows are a head of the answer
     std::optional<std::string> spill;
     std::optional<std::string> next;  // "--cursor <instant>,<id>" continuing a capped answer
+    // The body lines after `lines`, when the printed rows outgrew what memory holds.
+    std::shared_ptr<const TeskSpool> rest;
   };
+
+  // Bytes of printed rows held in memory before the rest wait in a TeskSpool.
+  static constexpr size_t kHeldBytes = size_t{4} << 20;
 
   // `tmpDir` is the user's temporary directory ($TMPDIR or /tmp); spill files go to
   // <tmpDir>/tesk/. limit 0 means no limit; budget is in characters.
-  TeskEmitter(TeskFormat format, int64_t limit, int64_t budget, bool showBody, std::string tmpDir);
+  TeskEmitter(TeskFormat format, int64_t limit, int64_t budget, bool showBody, std::string tmpDir,
+              size_t heldBytes = kHeldBytes);
 
   // Rows newest first in (as a stream gives them); lines newest first out.
   Output emit(TeskRowStream& rows) const;
@@ -64,4 +72,5 @@ class TeskEmitter {
   int64_t budget_;
   bool showBody_;
   std::string tmpDir_;
+  size_t heldBytes_;
 };

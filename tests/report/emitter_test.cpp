@@ -77,6 +77,36 @@ TEST(TeskEmitter, UncappedWhenTheLimitCoversTheAnswer) {
   }
 }
 
+// Printed rows past what memory holds wait in a spool: the lines come back the same,
+// in order, whatever the format and wherever the cut falls, and no file stays behind.
+TEST(TeskEmitter, PrintedRowsPastTheHeldBytesComeBackWhole) {
+  std::vector<TeskRow> rows = series(3000);
+  rows[7].body = std::string(70000, 'x');  // one line longer than a write chunk
+  rows[8].body = "caf\xC3\xA9\n\ttab";
+  rows[9].body.clear();
+  for (TeskFormat format : {TeskFormat::tsv, TeskFormat::json}) {
+    TempDir tmp;
+    const auto whole = TeskEmitter(format, 0, 0, true, tmp.path()).emit(rows);
+    ASSERT_FALSE(whole.rest);
+    for (size_t held : {size_t{0}, size_t{100}, size_t{50000}}) {
+      const auto cut = TeskEmitter(format, 0, 0, true, tmp.path(), held).emit(rows);
+      ASSERT_TRUE(cut.rest) << held;
+      std::vector<std::string> lines = cut.lines;
+      EXPECT_TRUE(cut.rest->each([&](std::string_view l) { lines.emplace_back(l); }));
+      EXPECT_EQ(lines, whole.lines) << held;
+      EXPECT_EQ(cut.rowsOut, whole.rowsOut);
+    }
+    for (const auto& entry : fs::recursive_directory_iterator(tmp.path())) {
+      EXPECT_TRUE(entry.is_directory()) << entry.path();  // the spool's file is unlinked
+    }
+  }
+  // Without a private directory the lines stay in memory, all of them.
+  const auto kept = TeskEmitter(TeskFormat::tsv, 0, 0, true, "/nonexistent", 0).emit(rows);
+  size_t n = kept.lines.size();
+  if (kept.rest) kept.rest->each([&](std::string_view) { ++n; });
+  EXPECT_EQ(n, rows.size() + 1);
+}
+
 TEST(TeskEmitter, BudgetBoundaryDecidesRowsOrAggregate) {
   // Each row costs who (9) + 48 + body (2) = 59 characters.
   auto rows = series(10);
