@@ -2,6 +2,13 @@
 
 #include <algorithm>
 
+std::vector<TeskRow> drainOldestFirst(TeskRowStream& stream) {
+  std::vector<TeskRow> rows;
+  while (const TeskRow* row = stream.next()) rows.push_back(*row);
+  std::reverse(rows.begin(), rows.end());
+  return rows;
+}
+
 TeskRowList::TeskRowList(std::vector<TeskRow>&& rows) : owned_(std::move(rows)) {
   if (!std::is_sorted(owned_.begin(), owned_.end(), TeskRow::answerOrder)) {
     std::stable_sort(owned_.begin(), owned_.end(), TeskRow::answerOrder);

@@ -22,6 +22,10 @@ class TeskRowStream {
   virtual const TeskRow* next() = 0;
 };
 
+// Every row left in `stream`, in answer order (oldest first): the vector form of a
+// producer that streams.
+std::vector<TeskRow> drainOldestFirst(TeskRowStream& stream);
+
 // Rows held in answer order (oldest first), handed out from the newest. Borrowed from
 // a span, or owned: a producer that must see all its rows before it can order them
 // (mail, calendar, reminders, browsers) hands them over here.

@@ -651,11 +651,9 @@ Result Stream::finish() {
 
 Result read(TeskStore& store, const Filter& filter, const std::string& home) {
   Stream stream(store, filter, home);
-  std::vector<TeskRow> newestFirst;
-  while (const TeskRow* row = stream.next()) newestFirst.push_back(*row);
+  std::vector<TeskRow> rows = drainOldestFirst(stream);
   Result result = stream.finish();
-  result.rows.assign(std::make_move_iterator(newestFirst.rbegin()),
-                     std::make_move_iterator(newestFirst.rend()));
+  result.rows = std::move(rows);
   return result;
 }
 

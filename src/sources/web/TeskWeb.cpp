@@ -397,11 +397,9 @@ Result Stream::finish() const {
 Result read(const TeskIMessage::Filter& filter, const std::optional<std::set<std::string>>& only,
             const std::string& home) {
   Stream stream(filter, only, home);
-  std::vector<TeskRow> newestFirst;
-  while (const TeskRow* row = stream.next()) newestFirst.push_back(*row);
+  std::vector<TeskRow> rows = drainOldestFirst(stream);
   Result out = stream.finish();
-  out.rows.assign(std::make_move_iterator(newestFirst.rbegin()),
-                  std::make_move_iterator(newestFirst.rend()));
+  out.rows = std::move(rows);
   return out;
 }
 
