@@ -19,6 +19,8 @@ std::string lower(std::string_view utf8);
 // \r, so text from a store can never open a column or a line. The one cell escaper of
 // every row and report writer.
 std::string escapeTSV(std::string_view text);
+// escapeTSV(text) appended to `out`.
+void appendTSV(std::string& out, std::string_view text);
 
 // True when `bytes` is well-formed UTF-8 (no overlong forms, surrogates or code
 // points past U+10FFFF).

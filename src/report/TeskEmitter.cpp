@@ -89,22 +89,24 @@ const std::string& TeskEmitter::header() {
   return h;
 }
 
-std::string TeskEmitter::tsvLine(const TeskRow& row, bool showBody) {
-  std::string out;
-  out.reserve(row.id.size() + row.who.size() + (showBody ? row.body.size() : 0) + 48);
+void TeskEmitter::appendTSVLine(std::string& out, const TeskRow& row, bool showBody) {
   out += row.id;
   out += '\t';
   out += TeskTime::isoString(row.ts);
   out += '\t';
-  out += TeskText::escapeTSV(row.who);
+  TeskText::appendTSV(out, row.who);
   out += '\t';
   out += TeskRow::rawValue(row.dir);
   out += '\t';
   out += TeskRow::rawValue(row.kind);
-  out += '\t';
-  out += row.group ? "g" : "-";
-  out += '\t';
-  if (showBody) out += TeskText::escapeTSV(row.body);
+  out += row.group ? "\tg\t" : "\t-\t";
+  if (showBody) TeskText::appendTSV(out, row.body);
+}
+
+std::string TeskEmitter::tsvLine(const TeskRow& row, bool showBody) {
+  std::string out;
+  out.reserve(row.id.size() + row.who.size() + (showBody ? row.body.size() : 0) + 48);
+  appendTSVLine(out, row, showBody);
   return out;
 }
 
@@ -278,8 +280,13 @@ class Spill {
   void add(const std::string& line) {
     if (!ok_) return;
     chunk_ += line;
-    chunk_ += '\n';
-    if (chunk_.size() >= (1u << 16)) write();
+    end();
+  }
+  // The row's TSV line, written straight into the chunk.
+  void add(const TeskRow& row, bool showBody) {
+    if (!ok_) return;
+    TeskEmitter::appendTSVLine(chunk_, row, showBody);
+    end();
   }
 
   // The path of the complete file, or nothing when any step failed.
@@ -296,6 +303,11 @@ class Spill {
   }
 
  private:
+  void end() {
+    chunk_ += '\n';
+    if (chunk_.size() >= (1u << 16)) write();
+  }
+
   // Chunks end at line ends, so no UTF-8 sequence spans two; like every line tesk
   // writes, the file's are valid UTF-8.
   void write() {
@@ -375,11 +387,11 @@ TeskEmitter::Output TeskEmitter::emit(TeskRowStream& rows) const {
       if (showBody_) estimate += static_cast<int64_t>(row->body.size());
       if (!spill && estimate > budget_) {
         spill.emplace(tmpDir_);
-        for (const TeskRow& h : held) spill->add(tsvLine(h, showBody_));
+        for (const TeskRow& h : held) spill->add(h, showBody_);
         held = {};
       }
       if (spill) {
-        spill->add(tsvLine(*row, showBody_));
+        spill->add(*row, showBody_);
       } else {
         held.push_back(*row);
       }

@@ -56,6 +56,8 @@ class TeskEmitter {
   static const std::string& header();
   // One row as seven tab-separated columns; who and body escaped, id as it stands.
   static std::string tsvLine(const TeskRow& row, bool showBody);
+  // tsvLine(row, showBody) appended to `out`.
+  static void appendTSVLine(std::string& out, const TeskRow& row, bool showBody);
   // One row as a JSON object with sorted keys and no white space; "{}" when the row
   // cannot be serialised (a non-finite ts).
   static std::string jsonLine(const TeskRow& row, bool showBody);

@@ -198,6 +198,50 @@ TEST(TeskText, FoldedContainment) {
   EXPECT_EQ(TeskText::escapeTSV("a\\b\tc\nd\re"), "a\\\\b\\tc\\nd\\re");
 }
 
+// The escaper tests eight bytes at a time: every byte value at every place of a cell
+// longer than a word is escaped as the byte-by-byte rule does, and so are runs of
+// escapes across a word's edge and bytes one bit away from the escaped ones.
+TEST(TeskText, EscapeTSVAgreesWithTheByteRule) {
+  const auto byByte = [](std::string_view text) {
+    std::string out;
+    for (char c : text) {
+      switch (c) {
+        case '\\':
+          out += "\\\\";
+          break;
+        case '\t':
+          out += "\\t";
+          break;
+        case '\n':
+          out += "\\n";
+          break;
+        case '\r':
+          out += "\\r";
+          break;
+        default:
+          out += c;
+      }
+    }
+    return out;
+  };
+  for (int b = 0; b < 256; ++b) {
+    for (size_t at = 0; at < 19; ++at) {
+      std::string text(19, 'a');
+      text[at] = static_cast<char>(b);
+      ASSERT_EQ(TeskText::escapeTSV(text), byByte(text)) << b << " at " << at;
+    }
+  }
+  const std::string cases[] = {
+      "",
+      "\\",
+      "\t\n\r\\\t\n\r\\\t\n\r\\",
+      "1234567\t89abcdef\\",
+      "\x0B\x0C\x0E\x0F\x5B\x5D\x89\x8A\x8D\xDC\x01x",
+      "caf\xC3\xA9 \xE2\x80\xA8 line\\sep\t",
+  };
+  for (const std::string& text : cases) EXPECT_EQ(TeskText::escapeTSV(text), byByte(text)) << text;
+}
+
 // The search's shortcuts for an ASCII needle (raw bytes first, then only the folds of
 // the other code points) answer as the whole fold does, one needle across every text.
 TEST(TeskText, NeedleAgreesWithTheWholeFold) {
