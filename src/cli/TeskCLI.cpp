@@ -468,13 +468,14 @@ int32_t run(const std::vector<std::string>& args, TeskOut& out, const Environmen
       r.denied = acc.denied;
       return finishEarly("tesk: sql: no store open — `sql` reads iMessage", usageError);
     }
-    SqlAnswer s = sqlAnswer(*acc.messageStore, filter, *opts.text, opts.limit);
+    SqlAnswer s = sqlAnswer(*acc.messageStore, filter, *opts.text, opts.limit, env.tmpdir);
     if (s.error) {
       r.decoded = s.census;
       r.notes = notesWithDecode();
       return finishEarly("tesk: " + *s.error, usageError);
     }
     body = std::move(s.lines);
+    rest = std::move(s.rest);
     r.rowsTotal = s.rowsTotal;
     r.rowsOut = s.rowsOut;
     r.capped = s.rowsOut < s.rowsTotal;

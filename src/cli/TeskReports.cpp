@@ -106,26 +106,28 @@ WhoAnswer whoAnswer(TeskRowStream& rows, const std::optional<std::string>& query
 }
 
 SqlAnswer sqlAnswer(TeskStore& store, const TeskIMessage::Filter& filter,
-                    const std::string& statement, int64_t limit) {
+                    const std::string& statement, int64_t limit, const std::string& tmpDir,
+                    size_t heldBytes) {
   SqlAnswer a;
   try {
     TeskSQL sql(store, filter);
-    TeskSQL::Table t = sql.run(statement, limit);
-    std::string header;
-    for (const std::string& c : t.columns) {
-      header += (header.empty() ? "" : "\t") + TeskText::escapeTSV(c);
-    }
-    a.lines.push_back(header);
-    a.rowsTotal = t.total;
-    for (const auto& row : t.rows) {
+    a.lines.emplace_back();  // the header, once the statement has named its columns
+    TeskHeldLines printed(a.lines, tmpDir, heldBytes);
+    TeskSQL::Table t = sql.run(statement, limit, [&](std::vector<std::string>& cells) {
       std::string line;
-      for (size_t i = 0; i < row.size(); ++i) {
+      for (size_t i = 0; i < cells.size(); ++i) {
         if (i) line += '\t';
-        line += TeskText::escapeTSV(row[i]);
+        line += TeskText::escapeTSV(cells[i]);
       }
-      a.lines.push_back(std::move(line));
+      printed.add(std::move(line));
       ++a.rowsOut;
+    });
+    for (size_t i = 0; i < t.columns.size(); ++i) {
+      if (i) a.lines[0] += '\t';
+      a.lines[0] += TeskText::escapeTSV(t.columns[i]);
     }
+    a.rowsTotal = t.total;
+    a.rest = printed.rest();
   } catch (const TeskStoreError& e) {
     a.error = e.description();
   }

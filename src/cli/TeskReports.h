@@ -4,12 +4,14 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "cli/TeskCLI.h"
 #include "report/TeskBucket.h"
+#include "report/TeskEmitter.h"
 #include "report/TeskRow.h"
 #include "report/TeskRowStream.h"
 #include "sources/messages/TeskContacts.h"
@@ -67,12 +69,14 @@ WhoAnswer whoAnswer(TeskRowStream& rows, const std::optional<std::string>& query
 
 struct SqlAnswer {
   std::vector<std::string> lines;
+  std::shared_ptr<const TeskSpool> rest;  // the lines after `lines`, past what memory holds
   int64_t rowsTotal = 0;
   int64_t rowsOut = 0;
   TeskDecode::Census census;
   std::optional<std::string> error;  // a store error's description
 };
 SqlAnswer sqlAnswer(TeskStore& store, const TeskIMessage::Filter& filter,
-                    const std::string& statement, int64_t limit);
+                    const std::string& statement, int64_t limit, const std::string& tmpDir,
+                    size_t heldBytes = TeskEmitter::kHeldBytes);
 
 }  // namespace TeskCLI

@@ -353,19 +353,10 @@ TeskEmitter::Output TeskEmitter::emit(TeskRowStream& rows) const {
   std::optional<TeskCursor> last;  // just past the oldest row written
   // The receipt goes first and counts every row, so the printed lines wait for the
   // end of the stream: in memory up to heldBytes_, the rest in a spool.
-  size_t held = 0;
-  std::shared_ptr<TeskSpool> rest;
+  TeskHeldLines printed(output.lines, tmpDir_, heldBytes_);
   auto show = [&](const TeskRow& row) {
-    std::string line =
-        format_ == TeskFormat::json ? jsonLine(row, showBody_) : tsvLine(row, showBody_);
+    printed.add(format_ == TeskFormat::json ? jsonLine(row, showBody_) : tsvLine(row, showBody_));
     last = TeskCursor::after(row);
-    if (!rest && held + line.size() > heldBytes_) rest = std::make_shared<TeskSpool>(tmpDir_);
-    if (rest) {
-      rest->add(line);
-    } else {
-      held += line.size() + 1;
-      output.lines.push_back(std::move(line));
-    }
   };
   if (format_ != TeskFormat::json) output.lines.push_back(header());
 
@@ -407,12 +398,10 @@ TeskEmitter::Output TeskEmitter::emit(TeskRowStream& rows) const {
       output.rowsOut = total;
       return output;
     }
-    for (const TeskRow& row : held) {
-      if (static_cast<int64_t>(output.lines.size()) - 1 >= limit) break;
-      show(row);
-    }
+    const size_t shown = static_cast<size_t>(std::min<int64_t>(limit, std::ssize(held)));
+    for (size_t i = 0; i < shown; ++i) show(held[i]);
   }
-  output.rest = std::move(rest);
+  output.rest = printed.rest();
   output.mode = "rows";
   output.rowsOut = std::min(limit, total);
   output.capped = output.rowsOut < total;

@@ -93,3 +93,13 @@ bool TeskSpool::each(const std::function<void(std::string_view)>& visit) const {
   for (const std::string& line : held_) visit(line);
   return whole && carry.empty();
 }
+
+void TeskHeldLines::add(std::string line) {
+  if (!rest_ && held_ + line.size() <= heldBytes_) {
+    held_ += line.size() + 1;
+    lines_.push_back(std::move(line));
+    return;
+  }
+  if (!rest_) rest_ = std::make_shared<TeskSpool>(tmpDir_);
+  rest_->add(line);
+}

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -33,4 +34,23 @@ class TeskSpool {
   int64_t written_ = 0;            // bytes in the file, whole lines only
   std::string chunk_;              // lines on their way to the file
   std::vector<std::string> held_;  // lines after the file's (all of them without one)
+};
+
+// An answer's printed lines as they come: the first `heldBytes` of them into `lines`,
+// every later one into a spool made on first need. Printed in order, `lines` then
+// `rest()` give back every line added.
+class TeskHeldLines {
+ public:
+  TeskHeldLines(std::vector<std::string>& lines, std::string tmpDir, size_t heldBytes)
+      : lines_(lines), tmpDir_(std::move(tmpDir)), heldBytes_(heldBytes) {}
+
+  void add(std::string line);
+  std::shared_ptr<const TeskSpool> rest() const { return rest_; }
+
+ private:
+  std::vector<std::string>& lines_;
+  std::string tmpDir_;
+  size_t heldBytes_;
+  size_t held_ = 0;
+  std::shared_ptr<TeskSpool> rest_;
 };

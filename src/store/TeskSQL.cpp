@@ -60,6 +60,17 @@ TeskSQL::TeskSQL(TeskStore& store, const TeskIMessage::Filter& filter) : store_(
 }
 
 TeskSQL::Table TeskSQL::run(const std::string& sql, int64_t keep) {
+  Table table;
+  Table counted = run(sql, keep, [&table](std::vector<std::string>& cells) {
+    table.rows.push_back(std::move(cells));
+  });
+  table.columns = std::move(counted.columns);
+  table.total = counted.total;
+  return table;
+}
+
+TeskSQL::Table TeskSQL::run(const std::string& sql, int64_t keep,
+                            const std::function<void(std::vector<std::string>&)>& row) {
   std::string head = TeskText::lower(TeskText::trim(sql));
   if (!head.starts_with("select") && !head.starts_with("with")) {
     throw TeskStoreError::sql(refusal());
@@ -73,6 +84,7 @@ TeskSQL::Table TeskSQL::run(const std::string& sql, int64_t keep) {
   }
   Table table;
   bool named = false;
+  std::vector<std::string> cells;
   store_.query(sql, [&](const TeskRowReader& r) {
     const int n = r.columnCount();
     if (!named) {
@@ -82,10 +94,9 @@ TeskSQL::Table TeskSQL::run(const std::string& sql, int64_t keep) {
     const bool kept = keep < 1 || table.total < keep;
     ++table.total;
     if (!kept) return;
-    std::vector<std::string> row;
-    row.reserve(static_cast<size_t>(n));
-    for (int i = 0; i < n; ++i) row.push_back(r.display(i).value_or(std::string()));
-    table.rows.push_back(std::move(row));
+    cells.clear();
+    for (int i = 0; i < n; ++i) cells.push_back(r.display(i).value_or(std::string()));
+    row(cells);
   });
   if (!named) table.columns = store_.columnNames(sql);
   return table;

@@ -3,6 +3,7 @@
 // whose rows already honour the selectors. Only reading statements run.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,10 @@ class TeskSQL {
   // `keep` (0: none past) are counted, not kept: an answer that prints 50 rows of a
   // million holds 50. Throws TeskStoreError.
   Table run(const std::string& sql, int64_t keep = 0);
+  // The same, handing each of the first `keep` rows' cells to `row` as they come
+  // instead of keeping them; the Table it returns holds no rows.
+  Table run(const std::string& sql, int64_t keep,
+            const std::function<void(std::vector<std::string>&)>& row);
 
  private:
   TeskStore& store_;

@@ -7,10 +7,12 @@
 #include <sstream>
 
 #include "cli/TeskCLI.h"
+#include "cli/TeskReports.h"
 #include "cli/TeskTime.h"
 #include "common/TeskTestHome.h"
 #include "report/TeskJSONValue.h"
 #include "sources/calendar/CalendarHome.h"
+#include "store/TeskStore.h"
 
 namespace {
 
@@ -79,6 +81,7 @@ struct Home {
                         " VALUES (?,?,?,1,?,?)");
     tesk_test::Insert join(db.get(),
                            "INSERT INTO chat_message_join(chat_id,message_id) VALUES (1,?)");
+    tesk_test::exec(db.get(), "BEGIN");  // one sync for the store, not one per row
     for (size_t i = 0; i < messages.size(); ++i) {
       const auto id = static_cast<int64_t>(i + 1);
       const auto ns = static_cast<int64_t>(std::llround((messages[i] - kT) * 1e9)) +
@@ -86,6 +89,7 @@ struct Home {
       m.i(id).t("g" + std::to_string(id)).t("message " + std::to_string(id)).i(ns).i(id % 2).run();
       join.i(id).run();
     }
+    tesk_test::exec(db.get(), "COMMIT");
     if (visits.empty()) return;
     std::string sql =
         "CREATE TABLE urls(id INTEGER PRIMARY KEY, url LONGVARCHAR, title LONGVARCHAR);"
@@ -219,6 +223,31 @@ TEST(Verbs, CalendarWordsAreTheQuery) {
   ASSERT_EQ(dentist.rows.size(), 1u);
   EXPECT_NE(dentist.rows[0].find("\tDentist"), std::string::npos);
   EXPECT_EQ(cal({"nothing", "like", "this"}).exit, 2);
+}
+
+// `sql --limit 0` prints what the statement gives, past what memory holds too: the lines
+// that wait in the spool come back the same and in order, wherever the cut falls, and a
+// column named "" still takes its place in the header.
+TEST(Paging, SqlLinesPastTheHeldBytesComeBackWhole) {
+  Home h(spread(kT - 5000, 1, 400), {});
+  TeskStore store(h.home.file("Library/Messages/chat.db"));
+  const std::string statement = "SELECT 1 AS '', id, body FROM tesk_message ORDER BY ts DESC";
+  auto lines = [&](size_t held) {
+    TeskCLI::SqlAnswer a = TeskCLI::sqlAnswer(store, {}, statement, 0, h.home.path(), held);
+    EXPECT_FALSE(a.error);
+    EXPECT_EQ(a.rowsOut, 400);
+    std::vector<std::string> all = a.lines;
+    if (a.rest) {
+      EXPECT_TRUE(a.rest->each([&](std::string_view l) { all.emplace_back(l); }));
+    }
+    EXPECT_EQ(a.rest != nullptr, held < size_t{1} << 20) << held;
+    return all;
+  };
+  const std::vector<std::string> whole = lines(size_t{1} << 20);
+  ASSERT_EQ(whole.size(), 401u);
+  EXPECT_EQ(whole[0], "\tid\tbody");
+  EXPECT_EQ(whole[1], "1\tim:400\tmessage 400");
+  for (size_t held : {size_t{0}, size_t{100}, size_t{5000}}) EXPECT_EQ(lines(held), whole) << held;
 }
 
 }  // namespace

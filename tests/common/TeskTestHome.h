@@ -104,6 +104,7 @@ inline void makeDB(const std::string& path, const std::string& sql) {
 // Creates `path` and loads the schema file tests/data/schemas/<name>.
 inline DB createStore(const std::string& path, const std::string& name) {
   DB db = openDB(path);
+  exec(db.get(), "PRAGMA synchronous=OFF;");  // fixtures need no durability
   std::string sql = schema(name);
   // Dumps carry SQLite's own bookkeeping table, which cannot be created by hand.
   const std::string internal = "CREATE TABLE sqlite_sequence(name,seq);";
