@@ -13,6 +13,23 @@ std::string TeskAttachment::label() const {
   return "attachment";
 }
 
+void TeskRow::clear() {
+  id.clear();
+  ts = 0;
+  src.clear();
+  who.clear();
+  teskID.clear();
+  dir = Direction::incoming;
+  kind = Kind::text;
+  body.clear();
+  group = false;
+  filtered = false;
+  chatID = 0;
+  unread = false;
+  attachments.clear();
+  start.reset();
+}
+
 std::string_view TeskRow::rawValue(Kind k) {
   switch (k) {
     case Kind::text:

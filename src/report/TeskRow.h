@@ -16,6 +16,7 @@ struct TeskAttachment {
 
   // The name to show: name, else the last path component, else mime, else "attachment".
   std::string label() const;
+  bool operator==(const TeskAttachment&) const = default;
 };
 
 struct TeskRow {
@@ -36,6 +37,11 @@ struct TeskRow {
   bool unread = false;
   std::vector<TeskAttachment> attachments;
   std::optional<double> start;
+
+  // Every field back to its default, the strings keeping their buffers for the next row
+  // (a field added above is reset here too).
+  void clear();
+  bool operator==(const TeskRow&) const = default;
 
   static std::string_view rawValue(Direction d) { return d == Direction::incoming ? "in" : "out"; }
   static std::string_view rawValue(Kind k);

@@ -18,25 +18,28 @@ TeskRowList::TeskRowList(std::vector<TeskRow>&& rows) : owned_(std::move(rows)) 
 }
 
 const TeskRow* TeskInstantOrder::next() {
-  if (!instant_.empty()) instant_.pop_back();
-  if (!instant_.empty()) return &instant_.back();
+  if (size_ > 0) --size_;  // the row handed out last
+  if (size_ > 0) return slots_[size_ - 1].get();
+  if (slots_.empty()) slots_.push_back(std::make_unique<TeskRow>());
   if (ahead_) {
-    instant_.push_back(std::move(*ahead_));
+    std::swap(slots_[0], slots_[*ahead_]);
     ahead_.reset();
-  } else if (TeskRow row; pull_(row)) {
-    instant_.push_back(std::move(row));
-  } else {
+  } else if (!pull_(*slots_[0])) {
     return nullptr;
   }
-  for (TeskRow row; pull_(row);) {
-    if (row.ts != instant_.front().ts) {
-      ahead_ = std::move(row);
+  for (size_ = 1;; ++size_) {
+    if (slots_.size() == size_) slots_.push_back(std::make_unique<TeskRow>());
+    if (!pull_(*slots_[size_])) break;
+    if (slots_[size_]->ts != slots_[0]->ts) {
+      ahead_ = size_;
       break;
     }
-    instant_.push_back(std::move(row));
   }
-  if (instant_.size() > 1) std::sort(instant_.begin(), instant_.end(), TeskRow::answerOrder);
-  return &instant_.back();
+  if (size_ > 1) {
+    std::sort(slots_.begin(), slots_.begin() + static_cast<std::ptrdiff_t>(size_),
+              [](const auto& a, const auto& b) { return TeskRow::answerOrder(*a, *b); });
+  }
+  return slots_[size_ - 1].get();
 }
 
 const TeskRow* TeskRowMerge::next() {

@@ -46,10 +46,13 @@ class TeskRowList final : public TeskRowStream {
 
 // Rows pulled from a statement that walks its store's time column newest first: ts never
 // grows, but rows of one instant come in the store's order, so each instant is gathered
-// and handed out in answer order.
+// and handed out in answer order. The rows are filled in place and reused from one
+// instant to the next, so a producer that assigns into them (TeskRow::clear) keeps
+// their buffers instead of allocating each row anew.
 class TeskInstantOrder final : public TeskRowStream {
  public:
-  // Fills the next row newest first; false at the end.
+  // Fills the next row newest first into `row`, which holds an earlier row or nothing;
+  // false at the end.
   using Pull = std::function<bool(TeskRow& row)>;
   explicit TeskInstantOrder(Pull pull) : pull_(std::move(pull)) {}
 
@@ -57,8 +60,12 @@ class TeskInstantOrder final : public TeskRowStream {
 
  private:
   Pull pull_;
-  std::vector<TeskRow> instant_;  // answer order, the newest at the back
-  std::optional<TeskRow> ahead_;  // the first row of the next instant
+  // slots_[0, size_) hold the instant being handed out, in answer order, the newest at
+  // the back; slots_[ahead_] the first row of the next instant when one was read. Held
+  // by pointer so that moving a row between slots moves no strings.
+  std::vector<std::unique_ptr<TeskRow>> slots_;
+  size_t size_ = 0;
+  std::optional<size_t> ahead_;
 };
 
 // One time axis from several streams: each is newest first, and so is the merge. Rows

@@ -84,4 +84,39 @@ TEST(TeskRowMerge, IsTheStableAnswerOrderReadNewestFirst) {
   EXPECT_EQ(drain(merge), expected);
 }
 
+// A statement's rows come newest first but in store order within one instant; the
+// instants are handed out in answer order. The rows are filled in place into reused
+// slots, so nothing of an earlier row may show through a later one.
+TEST(TeskInstantOrder, OrdersEachInstantAndReusesRowsCleanly) {
+  std::vector<TeskRow> read{at(40, "chrome:1"), at(40, "im:2"),     at(30, "im:12"),
+                            at(30, "chrome:4"), at(30, "im:3"),     at(20, "im:1"),
+                            at(10, "safari:9"), at(10, "chrome:8"), at(10, "im:77"),
+                            at(10, "im:5")};
+  read[2].attachments.push_back({"/a/b.jpg", "b.jpg", "image/jpeg", 9});
+  read[2].start = 12;
+  read[3].group = read[3].filtered = read[3].unread = true;
+  read[3].chatID = 7;
+  read[3].who = read[3].teskID = std::string(40, 'w');
+  read[3].dir = TeskRow::Direction::outgoing;
+  read[3].kind = TeskRow::Kind::attachment;
+  size_t i = 0;
+  TeskInstantOrder order([&](TeskRow& row) {
+    if (i == read.size()) return false;
+    const TeskRow& from = read[i++];
+    row.clear();
+    EXPECT_EQ(row, TeskRow()) << from.id;  // every field reset
+    row = from;
+    return true;
+  });
+  std::vector<TeskRow> sorted = read;
+  std::stable_sort(sorted.begin(), sorted.end(), TeskRow::answerOrder);
+  for (size_t n = sorted.size(); n-- > 0;) {
+    const TeskRow* row = order.next();
+    ASSERT_NE(row, nullptr);
+    EXPECT_EQ(*row, sorted[n]) << sorted[n].id;
+  }
+  EXPECT_EQ(order.next(), nullptr);
+  EXPECT_EQ(order.next(), nullptr);
+}
+
 }  // namespace

@@ -4,6 +4,7 @@
 #include <unicode/utext.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <filesystem>
 #include <memory>
@@ -41,15 +42,45 @@ std::string prefixCharacters(std::string_view s, size_t limit) {
 
 }  // namespace
 
-std::string host(std::string_view url) {
+void host(std::string_view url, std::string& into) {
   size_t scheme = url.find("://");
-  if (scheme == std::string_view::npos) return prefixCharacters(url, kBareURLLimit);
+  if (scheme == std::string_view::npos) {
+    into = prefixCharacters(url, kBareURLLimit);
+    return;
+  }
+  // One pass over the authority: where it ends, its last "@", and whether it is ASCII.
   std::string_view rest = url.substr(scheme + 3);
-  rest = rest.substr(0, rest.find_first_of("/?#"));
-  std::string h = TeskText::lower(rest);
-  if (size_t at = h.rfind('@'); at != std::string::npos) h.erase(0, at + 1);
-  if (size_t colon = h.find(':'); colon != std::string::npos) h.erase(colon);
-  if (h.starts_with("www.")) h.erase(0, 4);
+  size_t end = 0, from = 0;
+  unsigned char bits = 0;
+  for (; end < rest.size(); ++end) {
+    const char c = rest[end];
+    if (c == '/' || c == '?' || c == '#') break;
+    if (c == '@') from = end + 1;
+    bits |= static_cast<unsigned char>(c);
+  }
+  if (bits >= 0x80) {
+    // Lowered before it is cut, as a whole: beyond ASCII a letter's lower case can
+    // depend on the letters around it (a final sigma).
+    into = TeskText::lower(rest.substr(0, end));
+    if (size_t at = into.rfind('@'); at != std::string::npos) into.erase(0, at + 1);
+    if (size_t colon = into.find(':'); colon != std::string::npos) into.erase(colon);
+    if (into.starts_with("www.")) into.erase(0, 4);
+    return;
+  }
+  const auto lowered = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
+  rest = rest.substr(from, end - from);
+  rest = rest.substr(0, rest.find(':'));
+  if (rest.size() >= 4 && lowered(rest[0]) == 'w' && lowered(rest[1]) == 'w' &&
+      lowered(rest[2]) == 'w' && rest[3] == '.') {
+    rest.remove_prefix(4);
+  }
+  into.resize(rest.size());
+  std::transform(rest.begin(), rest.end(), into.begin(), lowered);
+}
+
+std::string host(std::string_view url) {
+  std::string h;
+  host(url, h);
   return h;
 }
 
@@ -321,28 +352,27 @@ class Stream::Reader final : public TeskRowStream {
     if ((f.since && *t < *f.since) || (f.until && *t > *f.until)) return false;
     std::string_view url = r.textView(2).value_or(std::string_view());
     std::string_view title = r.textView(3).value_or(std::string_view());
-    std::string hostName = host(url);
-    if (hostName.empty()) {
+    // Filled in place: the row's buffers are those of a row read before.
+    row.clear();
+    host(url, row.teskID);
+    if (row.teskID.empty()) {
       ++excludedNoHost_;
       return false;
     }
-    std::string body;
     if (title.empty()) {
-      body = url;
+      row.body.assign(url);
     } else {
-      body.reserve(title.size() + url.size() + 4);
-      body.append(title).append(" \xC2\xB7 ").append(url);
+      row.body.assign(title).append(" \xC2\xB7 ").append(url);
     }
-    if (!sel_.keep(hostName, body)) return false;
-    row = TeskRow();
-    row.id = prefix_ + std::to_string(r.integer(0));
+    if (!sel_.keep(row.teskID, row.body)) return false;
+    char number[24];
+    const auto written = std::to_chars(number, number + sizeof number, r.integer(0));
+    row.id.assign(prefix_).append(number, written.ptr);
     row.ts = *t;
-    row.src = source_.key;
-    row.who = hostName;
-    row.teskID = std::move(hostName);
+    row.src.assign(source_.key);
+    row.who.assign(row.teskID);
     row.dir = TeskRow::Direction::outgoing;
     row.kind = TeskRow::Kind::text;
-    row.body = std::move(body);
     ++emitted_;
     return true;
   }

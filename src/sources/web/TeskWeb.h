@@ -80,6 +80,8 @@ Result read(const TeskIMessage::Filter& filter, const std::optional<std::set<std
 // information, port or a leading "www."; for a URL without "://" its first 60
 // characters as they stand. Empty only for an empty authority (or empty URL).
 std::string host(std::string_view url);
+// The same, assigned to `into` (whose buffer it reuses).
+void host(std::string_view url, std::string& into);
 
 // Chromium visit_time (microseconds since 1601) to unix seconds; nothing for 0, for
 // an instant at or before 1970 or for one from 2200 on (no real visit is dated so).

@@ -49,8 +49,16 @@ TEST(WebHost, Table) {
       {"http://a@b@c.com/", "c.com"},  // the last "@" ends user information
       {"HTTP://WWW.www.x/", "www.x"},  // one prefix only
       {"http://wwwx.com/", "wwwx.com"},
-      {"http://[::1]:80/", "["},  // the port cut is at the first ":"
-      {"https:///path", ""},      // empty authority: no host
+      {"http://[::1]:80/", "["},                     // the port cut is at the first ":"
+      {"http://us:er@Www.Host.org:1/", "host.org"},  // a ":" before the "@" is no port
+      {"http://WWW./", ""},
+      {"http://www/", "www"},
+      {"ftp://x.org@/", ""},
+      {"http://\xC3\x9C@WWW.\xC3\x9C"
+       "BER.de:80/",
+       "\xC3\xBC"
+       "ber.de"},
+      {"https:///path", ""},  // empty authority: no host
       {"https://", ""},
       {"", ""},
       {"about:blank", "about:blank"},
