@@ -7,6 +7,7 @@
 
 #include "cli/TeskText.h"
 #include "cli/TeskTime.h"
+#include "sources/messages/TeskCounterparts.h"
 #include "sources/messages/TeskIdentity.h"
 #include "store/TeskFunctions.h"
 #include "store/TeskStore.h"
@@ -134,30 +135,26 @@ std::string withoutMissingType(const Schema& schema, std::string sql) {
 // exactly the rows the answer is about). No attachment count: attachRows() finds the
 // files and turns an empty row that has some into an attachment, as the count would.
 // Without `bodies` the body columns read as NULL, so no archive page is even read.
-std::string readProjection(const Schema& schema, bool bodies) {
-  std::string s =
-      "SELECT m.ROWID, tesk_ts(m.date), m.date, m.is_from_me,\n"
-      "       h.id, c.chat_identifier, COALESCE(c.style, 0),\n"
-      "       m.associated_message_type, ";
+std::string readProjection(const Schema& schema, bool bodies, bool chatColumn, bool whoJoins) {
+  std::string s = "SELECT m.ROWID, tesk_ts(m.date), m.date, m.is_from_me, m.handle_id,\n       ";
+  // The smallest chat id, from the message_id index; Counterparts has it otherwise.
+  s += chatColumn ? kMinChat : "NULL";
+  s += ",\n       m.associated_message_type, ";
   s += bodies ? "m.text" : "NULL";
-  s += ",\n"
-       "       (CASE WHEN COALESCE(c.style, 0) = 43 THEN 1 ELSE 0 END),\n       ";
-  s += schema.isFiltered ? kFiltered : "0";
-  // With the message_id index the chat is found straight from the smallest chat id,
-  // which is looked up again only for a message whose chat row is missing: one index
-  // search per message fewer than joins() makes (a third of the chat lookup's cost).
-  s += ",\n       ";
-  s += schema.chatJoinIndex ? std::string("COALESCE(c.ROWID, ") + kMinChat + ", 0)"
-                            : std::string("COALESCE(j.chat_id, 0)");
   s += ",\n       ";
   s += schema.unreadSupported() ? kUnread : "0";
   s += ",\n       ";
   s += bodies ? "m.attributedBody, " : "NULL, ";
   s += schema.dateEdited ? "m.date_edited" : "0";
   s += "\n";
-  s += schema.chatJoinIndex
-           ? std::string(kFrom) + "LEFT JOIN chat c ON c.ROWID = " + kMinChat + "\n"
-           : joins(schema);
+  // Handles and chats are looked up in memory; a who condition still names them.
+  if (!whoJoins) {
+    s += "FROM message m\n";
+  } else if (schema.chatJoinIndex) {
+    s += std::string(kFrom) + "LEFT JOIN chat c ON c.ROWID = " + kMinChat + "\n";
+  } else {
+    s += joins(schema);
+  }
   return withoutMissingType(schema, std::move(s));
 }
 
@@ -481,8 +478,14 @@ Stream::Stream(TeskStore& store, const Filter& filter, const std::string& home)
   // Tapbacks stay in the SQL set so that one pass counts what the receipt needs
   // (tapbacks, orphans, undated rows over the SQL conditions, as stats() does) and
   // no second scan of the store is made; their kind is known without decoding.
+  // A statement over every message (or a store without the message_id index) takes
+  // each message's chat from one pass over the join table instead of a search per row.
+  const bool everyMessage = !schema_.chatJoinIndex || (!filter.since && !filter.until);
+  counterparts_.emplace(store_, schema_, everyMessage);
   auto [where, binds] = predicates(schema_, filter, false, true);
-  const std::string select = readProjection(schema_, bodies_) + "\nWHERE " + where;
+  const bool whoJoins = filter.who && !filter.who->empty();
+  const std::string select =
+      readProjection(schema_, bodies_, counterparts_->chatFromRow(), whoJoins) + "\nWHERE " + where;
   {
     TeskStore::Cursor others(store_, select + "\n  AND " + kOtherDates, binds);
     std::vector<TeskRow> rows;
@@ -529,6 +532,7 @@ bool Stream::pull(TeskStore::Cursor& cursor, TeskRow& row) {
 }
 
 bool Stream::keep(const TeskRowReader& r, TeskRow& row) {
+  static const Counterparts::Chat kNoChat;
   const Filter& filter = filter_;
   Result& result = result_;
   const int64_t rowID = r.integer(0);
@@ -537,21 +541,23 @@ bool Stream::keep(const TeskRowReader& r, TeskRow& row) {
     lo_ = std::min(lo_, ts);
     hi_ = std::max(hi_, ts);
   }
-  const int64_t amt = r.integer(7);
+  const int64_t amt = r.integer(6);
   const bool tapback = TeskFunctions::isTapback(amt);
   if (tapback && !filter.includeTapbacks) ++result.excludedTapback;
-  if (r.integer(11) == 0 && r.isNull(5)) ++result.orphans;
+  const Counterparts::Thread thread = counterparts_->thread(rowID, r, 5);
+  const Counterparts::Chat& chat = thread.chat ? *thread.chat : kNoChat;
+  if (thread.orphan) ++result.orphans;
   if (r.isNull(2) || r.integer(2) == 0) ++result.undated;
   if ((filter.since && ts < *filter.since) || (filter.until && ts > *filter.until)) return false;
-  const bool unread = r.integer(12) == 1;
+  const bool unread = r.integer(8) == 1;
   if (filter.unreadOnly && !unread) return false;
   if (tapback && !filter.includeTapbacks) return false;
-  const bool grp = r.integer(9) == 1;
+  const bool grp = chat.group;
   if (grp && !filter.includeGroups) {
     ++result.excludedGroup;
     return false;
   }
-  const bool filtered = r.integer(10) == 1;
+  const bool filtered = chat.filtered;
   if (filtered && !filter.includeFiltered) {
     ++result.excludedFiltered;
     return false;
@@ -562,12 +568,12 @@ bool Stream::keep(const TeskRowReader& r, TeskRow& row) {
   TeskFunctions* functions = store_.functions();
   const TeskFunctions::Decoded& decoded =
       bodies_ && functions
-          ? functions->decode(rowID, r.textView(8), r.blobView(13).value_or(TeskDecode::Bytes()))
+          ? functions->decode(rowID, r.textView(7), r.blobView(9).value_or(TeskDecode::Bytes()))
           : kUndecoded;
   TeskRow::Kind kind =
       !bodies_ && !tapback
           ? TeskRow::Kind::text
-          : TeskRow::kindFromRaw(TeskFunctions::kind(amt, decoded, r.integer(14), 0))
+          : TeskRow::kindFromRaw(TeskFunctions::kind(amt, decoded, r.integer(10), 0))
                 .value_or(TeskRow::Kind::empty);
   std::string_view body =
       decoded.stripped ? std::string_view(*decoded.stripped) : std::string_view();
@@ -578,13 +584,16 @@ bool Stream::keep(const TeskRowReader& r, TeskRow& row) {
   row.id = "im:" + std::to_string(rowID);
   row.ts = ts;
   row.src = "im";
-  row.who = std::string(TeskFunctions::who(r.textView(4), r.textView(5), r.integer(6)));
+  row.who = std::string(TeskFunctions::who(
+      counterparts_->handle(r, 4),
+      chat.identifier ? std::optional<std::string_view>(*chat.identifier) : std::nullopt,
+      chat.style));
   row.teskID = TeskIdentity::canonical(row.who);
   row.dir = r.integer(3) == 1 ? TeskRow::Direction::outgoing : TeskRow::Direction::incoming;
   row.body = std::string(body);
   row.group = grp;
   row.filtered = filtered;
-  row.chatID = r.integer(11);
+  row.chatID = thread.chatID;
   row.unread = unread;
   if (withFiles_.contains(rowID)) {
     attach(rowID, row);

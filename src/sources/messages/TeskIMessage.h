@@ -20,6 +20,7 @@
 #include "report/TeskRow.h"
 #include "report/TeskRowStream.h"
 #include "report/TeskSpan.h"
+#include "sources/messages/TeskCounterparts.h"
 #include "sources/messages/TeskDecode.h"
 #include "sources/messages/TeskFilter.h"
 #include "store/TeskRowSet.h"
@@ -127,6 +128,7 @@ class Stream final : public TeskRowStream {
   std::optional<TeskStore::Cursor> files_;
   bool filesReadable_ = true;
   std::optional<TeskStoreError> error_;
+  std::optional<Counterparts> counterparts_;
   std::optional<TeskRowList> others_;
   std::optional<TeskStore::Cursor> dated_;
   std::unique_ptr<TeskInstantOrder> instants_;

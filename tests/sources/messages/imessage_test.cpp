@@ -289,35 +289,49 @@ TEST(IMessageRead, ChatLookupThroughTheMessageIndexGivesTheSameRows) {
   ChatDB fx;
   // Message 9's only chat row is gone: it keeps the chat id and is no orphan. 15 lies
   // in a filtered chat and, joined later, a smaller plain one; 16 in a group beside a
-  // join row without a chat; 17 in two chats whose rows are both gone.
-  tesk_test::makeDB(fx.path,
-                    "UPDATE chat_message_join SET chat_id = 99 WHERE message_id = 9;"
-                    "INSERT INTO message(ROWID,guid,text,handle_id,date) VALUES (15,'g15','x',0," +
-                        std::to_string(ns(kNow - 5000)) + "),(16,'g16','y',3," +
-                        std::to_string(ns(kNow - 4000)) + "),(17,'g17','z',2," +
-                        std::to_string(ns(kNow - 3000)) +
-                        ");"
-                        "INSERT INTO chat_message_join(chat_id,message_id) VALUES (3,15),(1,15),"
-                        "(NULL,16),(2,16),(98,17),(97,17);");
-  // Everything a row takes from its chat, for every row whatever the selectors.
+  // join row without a chat; 17 in two chats whose rows are both gone. Keys SQL never
+  // matches to a ROWID: 18's handle is a real with a fraction, 19's a text, 20's chat
+  // id a text and 21's a real with a fraction (which still reads as chat id 1).
+  std::string sql = "UPDATE chat_message_join SET chat_id = 99 WHERE message_id = 9;";
+  for (const auto& [id, handle] : std::vector<std::pair<int, std::string>>{
+           {15, "0"}, {16, "3"}, {17, "2"}, {18, "1.5"}, {19, "'abc'"}, {20, "1"}, {21, "1"}}) {
+    sql += "INSERT INTO message(ROWID,guid,text,handle_id,date) VALUES (" + std::to_string(id) +
+           ",'g" + std::to_string(id) + "','x'," + handle + "," +
+           std::to_string(ns(kNow - 5000 + id)) + ");";
+  }
+  tesk_test::makeDB(fx.path, sql +
+                                 "INSERT INTO chat_message_join(chat_id,message_id) VALUES "
+                                 "(3,15),(1,15),(NULL,16),(2,16),(98,17),(97,17),(1,18),(1,19),"
+                                 "('x',20),(1.5,21);");
+  // Everything a row takes from its chat, for every row whatever the selectors: once
+  // from the stream and once from the view behind `sql`, which joins in SQL.
   auto chats = [&fx](const TeskIMessage::Filter& f) {
     TeskStore store(fx.path);
     TeskIMessage::Result r = TeskIMessage::read(store, f, fx.home.path());
-    std::vector<std::string> out;
+    std::vector<std::string> streamed, viewed;
     for (const TeskRow& x : r.rows) {
-      out.push_back(x.id + " " + std::to_string(x.chatID) + " " + x.who + " " +
-                    std::to_string(x.group) + std::to_string(x.filtered));
+      streamed.push_back(x.id + " " + std::to_string(x.chatID) + " " + x.who + " " +
+                         std::to_string(x.group) + std::to_string(x.filtered));
     }
-    out.push_back("orphans " + std::to_string(r.orphans) + " filtered " +
-                  std::to_string(r.excludedFiltered));
-    // The view behind `sql` joins the chats its own way.
     TeskSQL sql(store, f);
     for (const auto& v :
-         sql.run("SELECT id, chat_id, who, grp, filtered FROM tesk_message ORDER BY ts").rows) {
-      out.push_back(v[0] + " " + v[1] + " " + v[2] + " " + v[3] + v[4]);
+         sql.run("SELECT id, CAST(chat_id AS INTEGER), who, grp, filtered FROM tesk_message "
+                 "ORDER BY ts")
+             .rows) {
+      viewed.push_back(v[0] + " " + v[1] + " " + v[2] + " " + v[3] + v[4]);
     }
-    return std::make_pair(out, TeskIMessage::probe(store).chatJoinIndex);
+    EXPECT_EQ(streamed, viewed);
+    streamed.push_back("orphans " + std::to_string(r.orphans) + " filtered " +
+                       std::to_string(r.excludedFiltered));
+    TeskIMessage::Result counted = TeskIMessage::stats(store, f);
+    EXPECT_EQ(counted.orphans, r.orphans);
+    EXPECT_EQ(counted.excludedFiltered, r.excludedFiltered);
+    return std::make_pair(streamed, TeskIMessage::probe(store).chatJoinIndex);
   };
+  // A bounded read looks each message's chat up by the index; an unbounded one (and
+  // any read without the index) reads the join table once.
+  TeskIMessage::Filter bounded = everything();
+  bounded.since = kNow - 400 * 86400.0;
   const auto before = chats(everything());
   const auto beforeDefault = chats(TeskIMessage::Filter{});
   EXPECT_FALSE(before.second);
@@ -326,9 +340,14 @@ TEST(IMessageRead, ChatLookupThroughTheMessageIndexGivesTheSameRows) {
   EXPECT_TRUE(after.second);
   EXPECT_EQ(after.first, before.first);
   EXPECT_EQ(chats(TeskIMessage::Filter{}).first, beforeDefault.first);
+  std::vector<std::string> dated = before.first;
+  dated.erase(dated.begin());  // the undated message 8 is outside any window
+  EXPECT_EQ(chats(bounded).first, dated);
   const std::vector<std::string> expected = {
       "im:7 1 +14155550123 00",  "im:6 0 bob@example.com 00", "im:9 99 4155550123 00",
-      "im:15 1 +14155550123 00", "im:16 2 +442079460018 10",  "im:17 97 bob@example.com 00"};
+      "im:15 1 +14155550123 00", "im:16 2 +442079460018 10",  "im:17 97 bob@example.com 00",
+      "im:18 1 +14155550123 00", "im:19 1 +14155550123 00",   "im:20 0 +14155550123 00",
+      "im:21 1 +14155550123 00"};
   for (const std::string& e : expected) {
     EXPECT_NE(std::find(after.first.begin(), after.first.end(), e), after.first.end()) << e;
   }
