@@ -81,7 +81,7 @@ void readMessages(const ReadContext& ctx, const std::vector<std::string>&, Accum
   acc.feeds.push_back(std::move(feed));
 }
 
-// A producer that hands over all its rows at once (mail, calendar, reminders): they
+// A producer that hands over all its rows at once (calendar, reminders): they
 // stream from a list, and its counts go into the receipt when the rows have passed,
 // as the others' do.
 template <typename Result, typename Finish>
@@ -112,15 +112,18 @@ void readBrowsers(const ReadContext& ctx, const std::vector<std::string>& reques
 
 void readMail(const ReadContext& ctx, const std::vector<std::string>&, Accumulator& acc) {
   constexpr int64_t kBodyBudget = 8000;
-  TeskMail::Result r = TeskMail::read(ctx.filter, ctx.now, kBodyBudget, ctx.env.home);
-  const auto n = static_cast<int64_t>(r.rows.size());
-  addFeed(acc, std::move(r), [n](Accumulator& acc, const TeskMail::Result& r) {
+  auto stream = std::make_unique<TeskMail::Stream>(ctx.filter, ctx.now, kBodyBudget, ctx.env.home);
+  Feed feed;
+  feed.finish = [stream = stream.get()](Accumulator& acc) {
+    const TeskMail::Result r = stream->finish();
     acc.denied.insert(acc.denied.end(), r.denied.begin(), r.denied.end());
-    acc.perSource["mail"] = n;
+    acc.perSource["mail"] = stream->kept();
     setHorizon(acc, "mail", r.horizon);
     for (const auto& [box, span] : r.horizons) acc.horizons["mail:" + box] = span;
     for (std::string& note : TeskMail::notes(r)) acc.notes.push_back(std::move(note));
-  });
+  };
+  feed.rows = std::move(stream);
+  acc.feeds.push_back(std::move(feed));
 }
 
 void readCalendar(const ReadContext& ctx, const std::vector<std::string>&, Accumulator& acc) {

@@ -28,7 +28,7 @@ std::vector<TeskRow> drainOldestFirst(TeskRowStream& stream);
 
 // Rows held in answer order (oldest first), handed out from the newest. Borrowed from
 // a span, or owned: a producer that must see all its rows before it can order them
-// (mail, calendar, reminders, browsers) hands them over here.
+// (calendar, reminders) hands them over here.
 class TeskRowList final : public TeskRowStream {
  public:
   explicit TeskRowList(std::span<const TeskRow> rows) : rows_(rows), left_(rows.size()) {}

@@ -66,11 +66,28 @@ std::vector<std::string> words(const std::string& text) {
   return out;
 }
 
-// A home with messages at the given instants (nanoseconds since 2001 are kept exactly)
-// and Chrome visits at the given instants (microseconds since 1601).
+// A home with messages at the given instants (nanoseconds since 2001 are kept exactly),
+// Chrome visits at the given instants (microseconds since 1601) and mail received at
+// the given whole seconds.
 struct Home {
   tesk_test::TempHome home;
-  Home(const std::vector<double>& messages, const std::vector<double>& visits) {
+  Home(const std::vector<double>& messages, const std::vector<double>& visits,
+       const std::vector<double>& mail = {}) {
+    if (!mail.empty()) {
+      std::string sql =
+          tesk_test::schema("mail-index.sql") +
+          "INSERT INTO mailboxes(ROWID,url) VALUES (1,'imap://a/INBOX');"
+          "INSERT INTO addresses(ROWID,address,comment) VALUES (1,'a@example.com','');"
+          "INSERT INTO subjects(ROWID,subject) VALUES (1,'hello');";
+      for (size_t i = 0; i < mail.size(); ++i) {
+        const std::string id = std::to_string(i + 1);
+        sql +=
+            "INSERT INTO messages(ROWID,global_message_id,sender,subject,date_received,mailbox)"
+            " VALUES (" +
+            id + "," + id + ",1,1," + std::to_string(static_cast<int64_t>(mail[i])) + ",1);";
+      }
+      tesk_test::makeDB(home.file("Library/Mail/V10/MailData/Envelope Index"), sql);
+    }
     auto db = tesk_test::createStore(home.file("Library/Messages/chat.db"), "chatdb.sql");
     tesk_test::exec(db.get(),
                     "INSERT INTO handle(ROWID,id,service) VALUES (1,'+14155550123','iMessage');"
@@ -107,7 +124,7 @@ struct Home {
 
 struct Case {
   const char* name;
-  std::vector<double> messages, visits;
+  std::vector<double> messages, visits, mail;
 };
 
 std::vector<double> spread(double from, double step, int n) {
@@ -118,23 +135,25 @@ std::vector<double> spread(double from, double step, int n) {
 
 TEST(Paging, FollowingNextYieldsTheCompleteAnswerOnce) {
   const std::vector<Case> cases{
-      {"fractions in one second", {kT + 0.1, kT + 0.5, kT + 0.9, kT + 5}, {}},
+      {"fractions in one second", {kT + 0.1, kT + 0.5, kT + 0.9, kT + 5}, {}, {kT, kT + 1}},
       {"more rows than the limit at one exact instant",
        {kT - 1, kT, kT, kT, kT, kT, kT, kT, kT + 1},
-       {}},
+       {},
+       {kT, kT, kT}},
       {"several sources at one instant",
        {kT, kT, kT, kT + 0.5, kT - 0.000001},
-       {kT, kT, kT, kT + 0.5, kT + 0.25}},
-      {"a crowded second", spread(kT, 0.05, 20), spread(kT + 0.025, 0.05, 20)},
+       {kT, kT, kT, kT + 0.5, kT + 0.25},
+       {kT, kT - 1, kT, kT}},
+      {"a crowded second", spread(kT, 0.05, 20), spread(kT + 0.025, 0.05, 20), spread(kT, 1, 3)},
   };
   const double now = kT + 3600;
   for (const Case& c : cases) {
-    Home h(c.messages, c.visits);
-    const std::vector<std::string> base{"span", "--src", "im,chrome", "--since", "2d"};
+    Home h(c.messages, c.visits, c.mail);
+    const std::vector<std::string> base{"span", "--src", "im,chrome,mail", "--since", "2d"};
     std::vector<std::string> all = base;
     all.insert(all.end(), {"--limit", "0", "--format", "tsv"});
     const Answer complete = run(h.home.path(), all, now);
-    ASSERT_EQ(complete.rows.size(), c.messages.size() + c.visits.size()) << c.name;
+    ASSERT_EQ(complete.rows.size(), c.messages.size() + c.visits.size() + c.mail.size()) << c.name;
     // Past the budget the rows go to the spill file as they pass: it holds that same
     // answer, and the aggregate counted on the way is the one --format agg gives.
     std::vector<std::string> tight = base;
@@ -177,13 +196,16 @@ TEST(Paging, FollowingNextYieldsTheCompleteAnswerOnce) {
 // Newest first; at one instant the tie order is reminder, cal, mail, safari, arc,
 // chrome, im, then ids longest first (the reverse of oldest-first answer order).
 TEST(Paging, TiesAtOneInstantHaveOneFixedOrder) {
-  Home h({kT, kT, kT}, {kT, kT});
-  Answer a = run(h.home.path(),
-                 {"span", "--src", "im,chrome", "--since", "2d", "--limit", "0", "--format", "tsv"},
-                 kT + 60);
+  Home h({kT, kT, kT}, {kT, kT}, std::vector<double>(10, kT));
+  Answer a =
+      run(h.home.path(),
+          {"span", "--src", "im,chrome,mail", "--since", "2d", "--limit", "0", "--format", "tsv"},
+          kT + 60);
   std::vector<std::string> ids;
   for (const std::string& row : a.rows) ids.push_back(row.substr(0, row.find('\t')));
-  EXPECT_EQ(ids, (std::vector<std::string>{"chrome:2", "chrome:1", "im:3", "im:2", "im:1"}));
+  EXPECT_EQ(ids, (std::vector<std::string>{"mail:10", "mail:9", "mail:8", "mail:7", "mail:6",
+                                           "mail:5", "mail:4", "mail:3", "mail:2", "mail:1",
+                                           "chrome:2", "chrome:1", "im:3", "im:2", "im:1"}));
 }
 
 TEST(Paging, TheCursorNamesAnExactInstantAndTheDefaultWindowIsPinned) {

@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -14,6 +15,7 @@
 
 #include "cli/TeskText.h"
 #include "report/TeskRow.h"
+#include "report/TeskRowStream.h"
 #include "report/TeskSpan.h"
 #include "sources/messages/TeskFilter.h"
 
@@ -98,7 +100,7 @@ struct Freshness {
 
 // One read of the index.
 struct Result {
-  std::vector<TeskRow> rows;        // ascending by ts (stable)
+  std::vector<TeskRow> rows;        // in answer order (TeskRow::answerOrder)
   std::vector<std::string> denied;  // "mail: <why>"; empty when the index was read
   Census census;
   std::optional<TeskSpan> horizon;            // the whole index, widened by the window
@@ -147,9 +149,29 @@ std::optional<Mailbox> mailbox(int64_t id, std::string_view url);
 // Freshness of the samples (any order) judged at `now`.
 Freshness freshness(std::vector<double> samples, double now);
 
-// The mail rows the filter selects, with their counts. At most `bodyBudget`
-// bodies are opened, newest first, unless a text query or --grep needs them all.
-// Never throws: what cannot be read becomes a `denied` entry.
+// The mail rows the filter selects as they are read, newest first, each message
+// taken whole (recipients, labels, body) as it passes; the counts of a Result once
+// the last row has passed. At most `bodyBudget` bodies are opened, the newest, unless
+// a text query or --grep needs them all. `filter` must outlive the stream. Never
+// throws: what cannot be read becomes a `denied` entry.
+class Stream final : public TeskRowStream {
+ public:
+  Stream(const TeskIMessage::Filter& filter, double now, int64_t bodyBudget,
+         const std::string& home);
+  ~Stream() override;
+
+  const TeskRow* next() override;
+  // The counts, horizons and denials, rows left empty; complete once the stream ended.
+  Result finish() const;
+  // The rows handed out so far.
+  int64_t kept() const;
+
+ private:
+  class Walk;
+  std::unique_ptr<Walk> walk_;
+};
+
+// The stream drained: every row, in answer order, and the counts.
 Result read(const TeskIMessage::Filter& filter, double now, int64_t bodyBudget,
             const std::string& home);
 // Every mailbox's index rows reconciled with the body files on disk; walks the

@@ -188,11 +188,18 @@ TEST_F(MailHome, GmailLabelTraps) {
 
 TEST_F(MailHome, GroupsAndSpamWhenIncluded) {
   gmail();
+  message(105, kNow - kDay, 1, 10, "Plans");  // the owner's, to three
+  label(105, 2);
+  recipient(105, 13, 1, 0);
+  recipient(105, 12, 0, 1);
+  recipient(105, 11, 0, 2);
   filter_.includeGroups = true;
   filter_.includeFiltered = true;
   const auto r = read();
-  ASSERT_EQ(r.rows.size(), 4u);
+  ASSERT_EQ(r.rows.size(), 5u);
   EXPECT_TRUE(rowWithID(r, "mail:102")->group);
+  // Its counterpart is the first recipient by position, then type.
+  EXPECT_EQ(rowWithID(r, "mail:105")->who, "bob@example.com");
   EXPECT_TRUE(rowWithID(r, "mail:103")->filtered);
   EXPECT_EQ(r.excludedGroup, 0);
   EXPECT_EQ(r.excludedFiltered, 0);
@@ -324,6 +331,33 @@ TEST_F(MailHome, BodyBudgetWalksNewestFirst) {
   EXPECT_EQ(r.census.notOpened, 2);
   EXPECT_EQ(r.census.plain, 1);
   EXPECT_FALSE(r.budgetWaived);
+}
+
+// The messages of one instant leave in id order, whatever order the store keeps them
+// in, and the body budget walks them as the answer does, newest first: highest id first.
+TEST_F(MailHome, OneInstantIsInIdOrderAndTheBudgetTakesItsHighestIDs) {
+  mailbox(1, kInbox);
+  address(11, "alice@example.com");
+  for (int64_t id : {20, 3, 100, 7}) message(id, kNow - kDay, 1, 11, "tie");
+  message(1, kNow - kDay + 60, 1, 11, "after");
+  message(500, kNow - kDay - 60, 1, 11, "before");
+  for (int64_t id : {1, 3, 7, 20, 100, 500}) body("INBOX", id, emlxFile("b"));
+  for (const char* index : {"", "CREATE INDEX date_index ON messages(date_received)"}) {
+    if (*index) {
+      db_ = tesk_test::openDB(version_ / "MailData/Envelope Index");
+      exec(index);
+    }
+    const auto r = read(3);
+    std::vector<std::string> ids, opened;
+    for (const auto& row : r.rows) {
+      ids.push_back(row.id);
+      if (row.kind == TeskRow::Kind::text) opened.push_back(row.id);
+    }
+    EXPECT_EQ(ids, (std::vector<std::string>{"mail:500", "mail:3", "mail:7", "mail:20", "mail:100",
+                                             "mail:1"}))
+        << index;
+    EXPECT_EQ(opened, (std::vector<std::string>{"mail:20", "mail:100", "mail:1"})) << index;
+  }
 }
 
 TEST_F(MailHome, BodyTiersAreCountedNeverEmpty) {
