@@ -230,39 +230,60 @@ void bindInstantRange(Source::Engine engine, std::vector<TeskValue>& binds) {
   }
 }
 
-// Visits whose time is no instant; they are never rows and never move a horizon.
-// The complement of kHasInstant as three counts the visit-time index answers (a text
-// or blob sorts above every number, so the upper range holds them): one NOT over the
-// range read every visit.
-int64_t countNoInstant(TeskStore& store, Source::Engine engine) {
+// What a windowed read cannot see for itself: the first and last visit with a usable
+// instant, and how many visits have a time that is no instant (never rows, never in a
+// horizon).
+struct Bounds {
+  std::optional<TeskSpan> span;
+  int64_t noInstant = 0;
+};
+
+std::optional<TeskSpan> spanOf(const TeskRowReader& r, Source::Engine engine, int first) {
+  if (r.isNull(first) || r.isNull(first + 1)) return std::nullopt;
+  const bool webkit = engine == Source::Engine::webkit;
+  const auto a = webkit ? webkitInstant(r.real(first)) : chromiumInstant(r.integer(first));
+  const auto b = webkit ? webkitInstant(r.real(first + 1)) : chromiumInstant(r.integer(first + 1));
+  if (!a || !b) return std::nullopt;
+  return TeskSpan{*a, *b};
+}
+
+// Chromium keeps an index on visit_time: the span is read from its two ends, and the
+// visits with no instant are the complement of kHasInstant as three ranges of it (a
+// text or blob sorts above every number, so the upper range holds them; NULL is the
+// third). One NOT over the range read every visit.
+Bounds indexedBounds(TeskStore& store, Source::Engine engine) {
+  Bounds out;
+  const std::string from = visitsFrom(engine) + "WHERE " + kHasInstant;
+  std::vector<TeskValue> binds;
+  for (int i = 0; i < 2; ++i) bindInstantRange(engine, binds);
+  store.query("SELECT (SELECT v.visit_time " + from +
+                  " ORDER BY v.visit_time LIMIT 1),\n"
+                  "       (SELECT v.visit_time " +
+                  from + " ORDER BY v.visit_time DESC LIMIT 1)",
+              binds, [&](const TeskRowReader& r) { out.span = spanOf(r, engine, 0); });
   std::vector<TeskValue> range;
   bindInstantRange(engine, range);
   const std::string count = "(SELECT COUNT(*) " + visitsFrom(engine) + "WHERE v.visit_time ";
-  int64_t n = 0;
   store.query("SELECT " + count + "<= ?) + " + count + ">= ?) + " + count + "IS NULL)", range,
-              [&](const TeskRowReader& r) { n = r.integer(0); });
-  return n;
+              [&](const TeskRowReader& r) { out.noInstant = r.integer(0); });
+  return out;
 }
 
-// The first and last visit with a usable instant, each read from one end of the
-// visit-time index; with a window the main statement no longer sees every visit.
-std::optional<TeskSpan> storeSpan(TeskStore& store, Source::Engine engine) {
-  const bool webkit = engine == Source::Engine::webkit;
-  const std::string from = visitsFrom(engine) + "WHERE " + kHasInstant;
-  const std::string sql = "SELECT (SELECT v.visit_time " + from +
-                          " ORDER BY v.visit_time LIMIT 1),\n"
-                          "       (SELECT v.visit_time " +
-                          from + " ORDER BY v.visit_time DESC LIMIT 1)";
+// Safari keeps no index on visit_time alone, so each of those statements read every
+// visit (and the span's sorted them): one pass answers all three. The visits outside
+// kHasInstant are exactly those the three ranges count.
+Bounds scannedBounds(TeskStore& store, Source::Engine engine) {
+  Bounds out;
+  const std::string t = std::string("CASE WHEN ") + kHasInstant + " THEN v.visit_time END";
   std::vector<TeskValue> binds;
-  for (int i = 0; i < 2; ++i) bindInstantRange(engine, binds);
-  std::optional<TeskSpan> span;
-  store.query(sql, binds, [&](const TeskRowReader& r) {
-    if (r.isNull(0) || r.isNull(1)) return;
-    const auto a = webkit ? webkitInstant(r.real(0)) : chromiumInstant(r.integer(0));
-    const auto b = webkit ? webkitInstant(r.real(1)) : chromiumInstant(r.integer(1));
-    if (a && b) span = TeskSpan{*a, *b};
-  });
-  return span;
+  for (int i = 0; i < 3; ++i) bindInstantRange(engine, binds);
+  store.query(
+      "SELECT MIN(" + t + "), MAX(" + t + "), COUNT(*) - COUNT(" + t + ") " + visitsFrom(engine),
+      binds, [&](const TeskRowReader& r) {
+        out.span = spanOf(r, engine, 0);
+        out.noInstant = r.integer(2);
+      });
+  return out;
 }
 
 }  // namespace
@@ -284,16 +305,18 @@ class Stream::Reader final : public TeskRowStream {
       const std::string sql = windowSQL(source.engine, sel.filter, binds);
       // Without a window the one pass sees every visit and measures the span itself.
       windowed_ = !binds.empty();
+      noInstant_ = 0;
       if (windowed_) {
-        span_ = storeSpan(*store_, source.engine);
+        const Bounds bounds = source.engine == Source::Engine::webkit
+                                  ? scannedBounds(*store_, source.engine)
+                                  : indexedBounds(*store_, source.engine);
+        span_ = bounds.span;
+        noInstant_ = bounds.noInstant;
         if (span_) {
           widen(overall, span_->from);
           widen(overall, span_->to);
         }
       }
-      // Without a window the pass below meets every visit and counts them itself.
-      noInstant_ = 0;
-      if (windowed_) noInstant_ = countNoInstant(*store_, source.engine);
       cursor_.emplace(*store_, sql, binds);
     } catch (const TeskStoreError& e) {
       fail(e);
