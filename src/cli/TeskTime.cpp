@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 
 namespace TeskTime {
@@ -298,18 +299,26 @@ std::string isoString(double unixSeconds) {
   int64_t secs = static_cast<int64_t>(std::floor(unixSeconds));
   int64_t days = secs >= 0 ? secs / 86400 : -((-secs + 86399) / 86400);
   int64_t rem = secs - days * 86400;
-  const CivilDate c = civilFromDays(days);
-  const int64_t y = c.year;
-  const unsigned m = c.month, d = c.day;
   // Digits written by hand: snprintf was a tenth of a large span (one call per row).
   char buf[20] = {'0', '0', '0', '0', '-', '0', '0', '-', '0', '0',
                   'T', '0', '0', ':', '0', '0', ':', '0', '0', 'Z'};
   const auto put = [&buf](size_t at, unsigned v, size_t width) {
     for (size_t i = width; i-- > 0; v /= 10) buf[at + i] = static_cast<char>('0' + v % 10);
   };
-  put(0, static_cast<unsigned>(y), 4);
-  put(5, m, 2);
-  put(8, d, 2);
+  // Rows come in time order, most of them on the day of the row before: its date is
+  // written once.
+  thread_local int64_t lastDay = std::numeric_limits<int64_t>::min();
+  thread_local char lastDate[10];
+  if (days != lastDay) {
+    const CivilDate c = civilFromDays(days);
+    put(0, static_cast<unsigned>(c.year), 4);
+    put(5, c.month, 2);
+    put(8, c.day, 2);
+    std::memcpy(lastDate, buf, sizeof lastDate);
+    lastDay = days;
+  } else {
+    std::memcpy(buf, lastDate, sizeof lastDate);
+  }
   put(11, static_cast<unsigned>(rem / 3600), 2);
   put(14, static_cast<unsigned>(rem / 60 % 60), 2);
   put(17, static_cast<unsigned>(rem % 60), 2);

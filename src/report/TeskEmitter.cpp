@@ -27,19 +27,25 @@ constexpr size_t kTopCounterparts = 15;
 constexpr size_t kWeeksShown = 60;
 constexpr int64_t kFixedColumns = 48;  // what a line spends beside who and body
 
-// ISO week-numbering year * 100 + week, for sorting weeks as integers.
-int64_t isoWeekKey(double ts) {
+// The day (since 1970, UTC) whose ISO week `ts` falls in.
+int64_t weekDay(double ts) {
   if (!std::isfinite(ts)) ts = 0;
   // Years 0..9999, as the ISO renderer shows them; the lower end starts a week into
   // year 0 so the week-year never goes negative.
   ts = std::fmax(-62167219200.0 + 7 * 86400.0, std::fmin(ts, 253402300799.0));
-  const auto days = static_cast<int64_t>(std::floor(ts / 86400.0));
+  return static_cast<int64_t>(std::floor(ts / 86400.0));
+}
+
+// ISO week-numbering year * 100 + week of a weekDay, for sorting weeks as integers.
+int64_t isoWeekOfDay(int64_t days) {
   const int64_t weekday = ((days + 3) % 7 + 7) % 7;  // Monday 0; 1970-01-01 was a Thursday
   const int64_t thursday = days - weekday + 3;       // its week's Thursday names the year
   const int64_t y = TeskTime::civilFromDays(thursday).year;
   const int64_t week = (thursday - TeskTime::daysFromCivil(y, 1, 1)) / 7 + 1;
   return y * 100 + week;
 }
+
+int64_t isoWeekKey(double ts) { return isoWeekOfDay(weekDay(ts)); }
 
 std::string weekLabel(int64_t key) {
   char buf[32];
@@ -183,7 +189,12 @@ class Aggregate {
     if (row.kind == TeskRow::Kind::tapback) ++tapbacks_;
     if (row.group) ++groups_;
     ++counterparts_[row.teskID.empty() ? std::string("(unknown)") : row.teskID];
-    ++weeks_[isoWeekKey(row.ts)];
+    // Rows come in time order: most fall on the day of the row before.
+    if (const int64_t day = weekDay(row.ts); !week_ || day != weekOfDay_) {
+      week_ = &weeks_[isoWeekOfDay(day)];
+      weekOfDay_ = day;
+    }
+    ++*week_;
     if (exemplars_.size() < kExemplars) exemplars_.push_back(TeskEmitter::tsvLine(row, showBody_));
   }
 
@@ -235,6 +246,8 @@ class Aggregate {
   int64_t in_ = 0, out_ = 0, tapbacks_ = 0, groups_ = 0;
   std::unordered_map<std::string, int64_t> counterparts_;
   std::map<int64_t, int64_t> weeks_;
+  int64_t* week_ = nullptr;  // the count of weekOfDay_'s week
+  int64_t weekOfDay_ = 0;
   std::vector<std::string> exemplars_;  // the first ten rows, the newest
 };
 

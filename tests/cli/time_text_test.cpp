@@ -106,6 +106,9 @@ TEST(TeskTime, ISO) {
   EXPECT_EQ(TeskTime::isoString(1767225600.9), "2026-01-01T00:00:00Z");
   EXPECT_EQ(TeskTime::isoString(-1), "1969-12-31T23:59:59Z");
   EXPECT_EQ(TeskTime::isoString(951782400), "2000-02-29T00:00:00Z");
+  EXPECT_EQ(TeskTime::isoString(951868799), "2000-02-29T23:59:59Z");  // the same day again
+  EXPECT_EQ(TeskTime::isoString(951868800), "2000-03-01T00:00:00Z");
+  EXPECT_EQ(TeskTime::isoString(-86400), "1969-12-31T00:00:00Z");
   EXPECT_EQ(TeskTime::parseISO("2026-01-01T09:30:00Z"), 1767259800);
   EXPECT_EQ(TeskTime::parseISO("2026-01-01T09:30:00.5Z"), 1767259800.5);
   EXPECT_EQ(TeskTime::parseISO("2026-01-01T09:30:00.Z"), std::nullopt);
