@@ -252,8 +252,6 @@ TEST(TeskDoctor, EmptyHome) {
     EXPECT_TRUE(std::isinf(r.ageHours));
     EXPECT_FALSE(r.cause.has_value());
   }
-  EXPECT_EQ(rows[0].detail,
-            "not on this Mac at all — iMessage — 98.1% of bodies are typedstream BLOBs");
   EXPECT_EQ(find(rows, "mail"), nullptr);
 }
 
@@ -280,9 +278,6 @@ TEST(TeskDoctor, FutureRowsAreExcludedWhateverTheStoresUnit) {
   EXPECT_DOUBLE_EQ(im->newest, kNow + 1800);
   EXPECT_DOUBLE_EQ(im->ageHours, 0);  // half an hour ahead is a store written now
   EXPECT_EQ(im->verdict, Verdict::fresh);
-  EXPECT_EQ(im->detail,
-            "2 row(s) dated in the future, excluded — iMessage — 98.1% of bodies are "
-            "typedstream BLOBs");
   EXPECT_EQ(im->openMode, "plain");
   EXPECT_EQ(im->stores, 1);
 
@@ -293,9 +288,6 @@ TEST(TeskDoctor, FutureRowsAreExcludedWhateverTheStoresUnit) {
   EXPECT_NEAR(safari->newest, kNow - 7200.5, 1e-3);
   EXPECT_NEAR(safari->ageHours, 2.0, 1e-3);
   EXPECT_EQ(safari->verdict, Verdict::fresh);
-  EXPECT_EQ(safari->detail,
-            "1 row(s) dated in the future, excluded — Safari — seconds since 2001, not "
-            "nanoseconds");
 
   const Row* chrome = find(rows, "chrome");
   ASSERT_NE(chrome, nullptr);
@@ -514,19 +506,6 @@ TEST(TeskDoctor, ForwardLookingStoreIsJudgedByItsModificationTime) {
   }
 }
 
-TEST(TeskDoctor, CategoryBAgeVersusCategoryA) {
-  tesk_test::TempHome home;
-  makeChat(home.path(), {kNow - 200 * 3600});
-  makeMail(home.path(), "V10", {kNow - 200 * 3600});
-  auto rows = doctorRun(kNow, home.path());
-  EXPECT_EQ(find(rows, "im")->verdict, Verdict::stale);
-  ASSERT_NE(find(rows, "mail"), nullptr);
-  EXPECT_EQ(find(rows, "mail")->verdict, Verdict::dead);
-  EXPECT_NEAR(find(rows, "mail")->ageHours, 200.0, 1e-6);
-  EXPECT_EQ(rows[8].key, "mail");
-  EXPECT_EQ(rows[9].key, "optel");
-}
-
 void makeGoogleAccount(const std::string& home, int active, int authenticated) {
   std::string path = home + "/Library/Accounts/Accounts4.sqlite";
   tesk_test::makeDB(path, tesk_test::schema("accounts.ios-Accounts3.sql"));
@@ -571,29 +550,23 @@ TEST(TeskDoctor, FailingGrantTurnsFreshMirrorsPartial) {
               ::testing::Contains("#   cal: readable, missing whatever the failing provider owns"));
 }
 
-TEST(TeskDoctor, HealthyOrMissingAccountGivesNoCause) {
-  for (int authenticated : {1, -1}) {
+// Only an active account whose grant fails names a cause, and an absent mirror keeps it.
+TEST(TeskDoctor, CauseOnlyFromAnActiveFailingGrant) {
+  struct Case {
+    int active, authenticated;  // -1: no account at all
+    bool calendar, cause;
+  };
+  for (Case c : {Case{1, 1, true, false}, Case{-1, -1, true, false}, Case{0, 0, true, false},
+                 Case{1, 0, false, true}}) {
+    SCOPED_TRACE(std::to_string(c.active) + std::to_string(c.authenticated));
     tesk_test::TempHome home;
-    if (authenticated == 1) makeGoogleAccount(home.path(), 1, 1);
-    makeCalendar(home.path(), {kNow + 86400}, kNow - 600);
-    auto rows = doctorRun(kNow, home.path());
-    EXPECT_EQ(find(rows, "cal")->verdict, Verdict::fresh);
-    EXPECT_FALSE(find(rows, "cal")->cause.has_value());
+    if (c.active >= 0) makeGoogleAccount(home.path(), c.active, c.authenticated);
+    if (c.calendar) makeCalendar(home.path(), {kNow + 86400}, kNow - 600);
+    const auto rows = doctorRun(kNow, home.path());
+    const Row* cal = find(rows, "cal");
+    EXPECT_EQ(cal->verdict, c.calendar ? Verdict::fresh : Verdict::dead);
+    EXPECT_EQ(cal->cause.has_value(), c.cause);
   }
-  tesk_test::TempHome inactive;
-  makeGoogleAccount(inactive.path(), 0, 0);
-  makeCalendar(inactive.path(), {kNow + 86400}, kNow - 600);
-  EXPECT_FALSE(find(doctorRun(kNow, inactive.path()), "cal")->cause.has_value());
-}
-
-TEST(TeskDoctor, AbsentMirrorStillCarriesItsCause) {
-  tesk_test::TempHome home;
-  makeGoogleAccount(home.path(), 1, 0);
-  auto rows = doctorRun(kNow, home.path());
-  const Row* cal = find(rows, "cal");
-  EXPECT_EQ(cal->verdict, Verdict::dead);
-  EXPECT_EQ(cal->cause, "Google: the grant is not authenticated");
-  EXPECT_THAT(cal->detail, StartsWith("not on this Mac at all — "));
 }
 
 TEST(TeskDoctor, RenderEveryBlock) {
@@ -622,52 +595,45 @@ TEST(TeskDoctor, RenderEveryBlock) {
       row("y", Category::b, Verdict::dead, 0, kInf, 0, 0, "-", "d5"),
       row("z", Category::a, Verdict::denied, 0, kInf, 0, 0, "-", "d6"),
   };
+  // The blocks' prose is the source's own text; what is pinned is each line's cells,
+  // which blocks appear, in which order, and what each lists.
+  auto shape = [](const std::vector<std::string>& lines) {
+    std::vector<std::string> out;
+    for (const std::string& l : lines) {
+      if (!l.starts_with("# ") || l.starts_with("#   ")) {
+        out.push_back(l);
+      } else if (size_t dash = l.find(" — "); dash != std::string::npos && l[2] <= 'Z') {
+        out.push_back(l.substr(0, dash));
+      }
+    }
+    return out;
+  };
+  const std::string header = "src\tcat\tverdict\tnewest\tage_h\trows\tfuture\topen\tdetail";
   EXPECT_THAT(
-      TeskDoctor::render(rows),
-      ElementsAre(
-          "src\tcat\tverdict\tnewest\tage_h\trows\tfuture\topen\tdetail",
-          "im\tA\tFRESH\t2026-08-01T12:30:45Z\t1.0\t10\t2\tro\td1",
-          "cal\tB\tPARTIAL\t2026-08-01T12:30:45Z\t0.0\t3\t0\tplain+snapshot\tc — d2",
-          "mail\tB\tDEAD\t2026-08-01T12:30:45Z\t300.2\t4\t0\tplain\td3",
-          "x\tB\tDEAD\t-\t-\t5\t0\tplain\td4", "y\tB\tDEAD\t-\t-\t0\t0\t-\td5",
-          "z\tA\tDENIED\t-\t-\t0\t0\t-\td6", "",
-          "# DEAD — a Category B mirror that stopped moving. macOS records no rejection;",
-          "# the disk just quietly stops changing. Re-authenticate in System Settings →",
-          "# Internet Accounts, or ask through the browser plane, which is logged in now.",
-          "#   mail: this Mac's copy stops at 2026-08-01T12:30:45Z",
-          "#   x: this Mac's copy stops at unknown",
-          "#   y: this Mac's copy stops at never — it is not on this Mac", "",
-          "# PARTIAL — the store is current and it is not the whole account. A provider",
-          "# inside it is failing, so what you can read is real and incomplete. Say which",
-          "# half you answered from before quoting a count.",
-          "#   cal: readable, missing whatever the failing provider owns", "",
-          "# CAUSE — read from Accounts4 and the provider's own error table, not inferred:",
-          "#   c", "#   e", "",
-          "# DENIED — the file exists and macOS will not let this process read it.",
-          "# Contacts and Calendar each need their own TCC grant; Full Disk Access is not enough.",
-          "# The reverse also holds: iMessage history needs Full Disk Access and nothing else",
-          "# will do — no AppleEvents path reads message bodies (Messages' scripting",
-          "# dictionary has no message class at all). But contacts do NOT need it: the",
-          "# roster prefers Contacts.framework, one consent sheet. See TeskContacts."));
+      shape(TeskDoctor::render(rows)),
+      ElementsAre(header, "im\tA\tFRESH\t2026-08-01T12:30:45Z\t1.0\t10\t2\tro\td1",
+                  "cal\tB\tPARTIAL\t2026-08-01T12:30:45Z\t0.0\t3\t0\tplain+snapshot\tc — d2",
+                  "mail\tB\tDEAD\t2026-08-01T12:30:45Z\t300.2\t4\t0\tplain\td3",
+                  "x\tB\tDEAD\t-\t-\t5\t0\tplain\td4", "y\tB\tDEAD\t-\t-\t0\t0\t-\td5",
+                  "z\tA\tDENIED\t-\t-\t0\t0\t-\td6", "", "# DEAD",
+                  "#   mail: this Mac's copy stops at 2026-08-01T12:30:45Z",
+                  "#   x: this Mac's copy stops at unknown",
+                  "#   y: this Mac's copy stops at never — it is not on this Mac", "", "# PARTIAL",
+                  "#   cal: readable, missing whatever the failing provider owns", "", "# CAUSE",
+                  "#   c", "#   e", "", "# DENIED"));
   EXPECT_THAT(TeskDoctor::render({rows[0]}),
-              ElementsAre("src\tcat\tverdict\tnewest\tage_h\trows\tfuture\topen\tdetail",
-                          "im\tA\tFRESH\t2026-08-01T12:30:45Z\t1.0\t10\t2\tro\td1"));
+              ElementsAre(header, "im\tA\tFRESH\t2026-08-01T12:30:45Z\t1.0\t10\t2\tro\td1"));
   // A cause read from a store (an NSError domain) can hold any byte: it stays in its
   // cell and its line, and makes no doctor row of its own.
   const std::string forged = "Evil 1\nim\tA\tFRESH\r\\";
   EXPECT_THAT(
-      TeskDoctor::render(
-          {row("cal", Category::b, Verdict::partial, t, 0.0, 3, 0, "ro", forged + " — d", forged)}),
-      ElementsAre("src\tcat\tverdict\tnewest\tage_h\trows\tfuture\topen\tdetail",
+      shape(TeskDoctor::render({row("cal", Category::b, Verdict::partial, t, 0.0, 3, 0, "ro",
+                                    forged + " — d", forged)})),
+      ElementsAre(header,
                   "cal\tB\tPARTIAL\t2026-08-01T12:30:45Z\t0.0\t3\t0\tro\t"
                   "Evil 1\\nim\\tA\\tFRESH\\r\\\\ — d",
-                  "",
-                  "# PARTIAL — the store is current and it is not the whole account. A provider",
-                  "# inside it is failing, so what you can read is real and incomplete. Say which",
-                  "# half you answered from before quoting a count.",
-                  "#   cal: readable, missing whatever the failing provider owns", "",
-                  "# CAUSE — read from Accounts4 and the provider's own error table, not inferred:",
-                  "#   Evil 1\\nim\\tA\\tFRESH\\r\\\\"));
+                  "", "# PARTIAL", "#   cal: readable, missing whatever the failing provider owns",
+                  "", "# CAUSE", "#   Evil 1\\nim\\tA\\tFRESH\\r\\\\"));
 }
 
 }  // namespace

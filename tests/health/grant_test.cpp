@@ -110,18 +110,12 @@ TEST(TeskGrant, LinkVerdictTable) {
       "sign in again in system settings → internet accounts → google. the account is switched "
       "on and google is refusing the credential, so nothing new reaches this mac until it is "
       "renewed";
+  const std::string add =
+      "add your google account in system settings → internet accounts, and turn on mail, "
+      "calendars and contacts";
   const Case cases[] = {
-      {"not active", false, true, all, std::nullopt, Link::Verdict::absent,
-       "add your google account in system settings → internet accounts, and turn on mail, "
-       "calendars and contacts"},
-      {"not active wins over an error",
-       false,
-       false,
-       {},
-       "x 1",
-       Link::Verdict::absent,
-       "add your google account in system settings → internet accounts, and turn on mail, "
-       "calendars and contacts"},
+      {"not active", false, true, all, std::nullopt, Link::Verdict::absent, add},
+      {"not active wins over an error", false, false, {}, "x 1", Link::Verdict::absent, add},
       {"unauthenticated whatever the switches", true, false, all, std::nullopt,
        Link::Verdict::broken, broken},
       {"a provider error", true, true, all, "NSURLErrorDomain 401", Link::Verdict::broken, broken},
@@ -202,18 +196,16 @@ TEST(TeskGrant, RealAccountsStoreFindsTheGmailAccount) {
   EXPECT_FALSE(TeskGrant::status("Exchange", home.path()).has_value());
 
   auto lines = TeskGrant::linkReport(home.path(), kNow);
+  // Each mirror's row up to its prose: switched on, newest on disk, state.
+  std::vector<std::string> cells(lines.begin(), lines.begin() + 11);
+  for (size_t i = 11; i < 14; ++i) cells.push_back(lines[i].substr(0, lines[i].rfind('\t')));
   EXPECT_THAT(
-      std::vector<std::string>(lines.begin(), lines.begin() + 12),
+      cells,
       ElementsAre("field\tvalue", "provider\tgoogle", "account\tthisisdfir@gmail.com",
                   "verdict\tCOMPLETE", "account_id\t4FD35256-CE13-47FE-9840-EBEB5B9FD9C1",
                   "active\tyes", "authenticated\tyes", "last_rejection\t—", "provider_error\t—", "",
-                  "mirror\tswitched_on\tnewest_on_disk\tstate\tfills",
-                  "mail\tyes\t—\t—\tputs your gmail on this mac, so mirel can read it in "
-                  "milliseconds"));
-  EXPECT_EQ(lines[12], "cal\tyes\t—\tDEAD\tputs your google calendar on this mac");
-  EXPECT_EQ(lines[13], "contacts\tyes\t—\tABSENT\tputs your google contacts on this mac");
-  EXPECT_EQ(lines[14], "");
-  EXPECT_EQ(lines[15], "# ⚠ a switched-on mirror is not a moving one. every switch here can be in");
+                  "mirror\tswitched_on\tnewest_on_disk\tstate\tfills", "mail\tyes\t—\t—",
+                  "cal\tyes\t—\tDEAD", "contacts\tyes\t—\tABSENT"));
   EXPECT_EQ(lines.size(), 19u);
 }
 

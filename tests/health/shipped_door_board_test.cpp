@@ -70,8 +70,6 @@ TEST(TeskShippedDoorBoard, CompleteBoardRendersTheMeasuredGrants) {
   auto lines = TeskShippedDoorBoard::report(output);
   ASSERT_TRUE(lines.has_value());
   EXPECT_EQ(*lines, TeskPermission::report(fullBoardGrants()));
-  EXPECT_EQ((*lines)[1], "accessibility\tyes\tlets mirel click and type in your apps");
-  EXPECT_EQ((*lines)[2], "screen-recording\tno\tlets mirel see what is on your screen");
 }
 
 TEST(TeskShippedDoorBoard, BoardParserTable) {
@@ -115,7 +113,9 @@ TEST(TeskShippedDoorBoard, BoardParserTable) {
 TEST(TeskShippedDoorBoard, LaterLineForADoorWins) {
   auto lines = TeskShippedDoorBoard::report(fullBoard() + kMarker + "microphone granted\n");
   ASSERT_TRUE(lines.has_value());
-  EXPECT_EQ((*lines)[7], "microphone\tyes\tlets mirel hear you only while live is on");
+  auto grants = fullBoardGrants();
+  grants[Door::microphone] = true;
+  EXPECT_EQ(*lines, TeskPermission::report(grants));
 }
 
 // A stand-in for /usr/bin/open: a shell script whose body is `body`; it sees the same
