@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "report/TeskJSONValue.h"
+#include "report/TeskReceipt.h"
 
 namespace {
 
@@ -32,26 +33,9 @@ TEST(TeskAPI, DocumentParsesWithTheTablesInOrder) {
   EXPECT_EQ(*doc->member("schema")->number(), 1);  // written "1": see PlatformPrettyLayout
   EXPECT_TRUE(*doc->member("readOnly")->boolean());
   const Node& verbs = *doc->member("verbs");
-  ASSERT_EQ(verbs.array()->size(), 14u);
-  EXPECT_EQ(*verbs.array()->front().member("name")->string(), "search");
-  EXPECT_EQ(*verbs.array()->back().member("name")->string(), "api");
-  EXPECT_EQ(*entry(verbs, "name", "who")->member("answers")->string(),
-            "handle or name \u2192 canonical person, and every handle they use");
-  EXPECT_EQ(doc->member("selectors")->array()->size(), 17u);
-  EXPECT_EQ(doc->member("sources")->array()->size(), 5u);
-  EXPECT_EQ(
-      strings(*doc->member("selectableVerbs")),
-      (std::vector<std::string>{"search", "thread", "span", "im", "cal", "mail", "who", "sql"}));
-  // The receipt keys as the receipt writes them (its own test holds the list to a line).
-  const std::vector<std::string> receipt = strings(*doc->member("receipt"));
-  EXPECT_EQ(receipt.front(), "v");
-  EXPECT_EQ(receipt.back(), "ms");
-  for (const char* key : {"rows_total", "rows_out", "per_source", "stale", "next"}) {
-    EXPECT_NE(std::find(receipt.begin(), receipt.end(), key), receipt.end()) << key;
-  }
-  for (const char* invented : {"returned", "sources"}) {
-    EXPECT_EQ(std::find(receipt.begin(), receipt.end(), invented), receipt.end()) << invented;
-  }
+  EXPECT_EQ(verbs.array()->size(), TeskAPI::verbs().size());
+  EXPECT_EQ(strings(*doc->member("receipt")),
+            std::vector<std::string>(TeskReceipt::keys().begin(), TeskReceipt::keys().end()));
   // Keys inside every object are sorted too.
   for (const char* table : {"verbs", "selectors", "sources"}) {
     for (const auto& item : *doc->member(table)->array()) {

@@ -225,13 +225,4 @@ TEST(Sources, ExpandWebInPlaceAndDropRepeats) {
   EXPECT_EQ(TeskCLI::expandSources({}), V{});
 }
 
-TEST(ErrorLine, EscapesLikeTheReceipt) {
-  EXPECT_EQ(TeskCLI::errorLine("--limit needs a number >= 0"),
-            "#tesk {\"v\":1,\"error\":\"--limit needs a number >= 0\"}");
-  EXPECT_EQ(TeskCLI::errorLine("a\"b\\c\nd\te"),
-            "#tesk {\"v\":1,\"error\":\"a\\\"b\\\\c\\nd\\te\"}");
-  EXPECT_EQ(TeskCLI::errorLine("unknown flag --x\r\x01\xE9/"),
-            "#tesk {\"v\":1,\"error\":\"unknown flag --x\\r\\u0001\xEF\xBF\xBD/\"}");
-}
-
 }  // namespace
