@@ -145,7 +145,6 @@ TEST_F(StatementTest, SqlErrorsCarrySqliteOwnMessage) {
   const std::vector<Case> cases = {
       {"SELECT nope FROM message", "sql: no such column: nope", 0},
       {"SELEC 1", "sql: near \"SELEC\": syntax error", 0},
-      {"SELECT * FROM missing_table", "sql: no such table: missing_table", 0},
       // Fails while stepping, after the rows before it were handed out.
       {"SELECT CASE WHEN ROWID = 3 THEN abs(-9223372036854775807 - 1) ELSE ROWID END "
        "FROM message ORDER BY ROWID",
@@ -256,12 +255,9 @@ TEST_F(StatementTest, IsReadOnlyAsksSqlite) {
     const char* sql;
     bool readOnly;
   };
-  for (const Case& c : std::vector<Case>{{"SELECT * FROM message", true},
-                                         {"  with x AS (SELECT 1) SELECT * FROM x", true},
-                                         {"DELETE FROM message", false},
-                                         {"INSERT INTO message(text) VALUES (1)", false},
-                                         {"CREATE TEMP TABLE z(a)", false},
-                                         {"PRAGMA user_version = 3", false}}) {
+  // SQLite's own verdict; reliability's SqlVerb test runs every writing form end to end.
+  for (const Case& c : std::vector<Case>{{"  with x AS (SELECT 1) SELECT * FROM x", true},
+                                         {"CREATE TEMP TABLE z(a)", false}}) {
     SCOPED_TRACE(c.sql);
     EXPECT_EQ(store_->isReadOnly(c.sql), c.readOnly);
   }

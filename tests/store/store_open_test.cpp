@@ -39,16 +39,6 @@ class StoreOpenTest : public ::testing::Test {
   TempHome tmp_;
 };
 
-TEST_F(StoreOpenTest, RollbackStoreWithoutWalOpensPlain) {
-  std::string path = dir_.file("plain.db");
-  makeDB(path, "CREATE TABLE t(x); INSERT INTO t VALUES (1), (2);");
-  TeskStore store(path, env());
-  EXPECT_EQ(store.mode(), TeskOpenMode::plain);
-  EXPECT_EQ(store.path(), path);
-  EXPECT_EQ(countRows(store), 2);
-  EXPECT_TRUE(store.snapshotDirectory().empty());
-}
-
 TEST_F(StoreOpenTest, LiveReadOnlySeesFramesStillInTheWal) {
   std::string path = dir_.file("chat.db");
   auto writer = openDB(path);
