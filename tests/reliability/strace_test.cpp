@@ -67,17 +67,13 @@ bool ours(const std::string& path, const std::string& tmp) {
   return rest == spill || rest.rfind(spill + "/", 0) == 0 || rest.rfind("tesk-snapshot-", 0) == 0;
 }
 
-bool endsWith(const std::string& s, const std::string& tail) {
-  return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
-}
-
 // SQLite's own reader protocol on a WAL store: every reader, read-only or not,
 // opens the live -wal and -shm read-write when it may and keeps its read marks in
 // the -shm (the first reader of an idle store also rebuilds that index). The -shm
 // is a shared lock table, not the store; the database and -wal bytes are checked
 // unchanged below.
 bool coordination(const std::string& path) {
-  return endsWith(path, "-shm") || endsWith(path, "-wal");
+  return path.ends_with("-shm") || path.ends_with("-wal");
 }
 
 struct Verdict {
@@ -172,7 +168,7 @@ Verdict judge(const std::string& traceFile, const std::string& home, const std::
           call == "mmap" ? fdPath(args.substr(args.find("MAP_SHARED") + 12)) : fdPath(args);
       if (path.empty() || path[0] != '/' || path == "/dev/null") continue;
       if (under(path, home)) {
-        if (endsWith(path, "-shm") || (call == "fchown" && coordination(path))) {
+        if (path.ends_with("-shm") || (call == "fchown" && coordination(path))) {
           ++v.coordinationCalls;
         } else {
           flag(call + " into the home", line);
@@ -191,7 +187,7 @@ Verdict judge(const std::string& traceFile, const std::string& home, const std::
 std::map<std::string, std::string> contents(const std::string& home) {
   std::map<std::string, std::string> files;
   for (const auto& e : fs::recursive_directory_iterator(home)) {
-    if (!e.is_regular_file() || endsWith(e.path().string(), "-shm")) continue;
+    if (!e.is_regular_file() || e.path().string().ends_with("-shm")) continue;
     files[e.path().string()] = tesk_test::readFile(e.path().string());
   }
   return files;
