@@ -460,6 +460,23 @@ bool TeskStore::columnExists(const std::string& column, const std::string& table
   return found;
 }
 
+bool TeskStore::indexLeadsWith(const std::string& table, const std::vector<std::string>& columns) {
+  int64_t found = 0;
+  std::string sql = "SELECT COUNT(*) FROM pragma_index_list(?1) l WHERE 1";
+  std::vector<TeskValue> binds;
+  binds.emplace_back(table);
+  for (size_t i = 0; i < columns.size(); ++i) {
+    sql += " AND (SELECT lower(name) FROM pragma_index_info(l.name) WHERE seqno = " +
+           std::to_string(i) + ") = lower(?" + std::to_string(i + 2) + ")";
+    binds.emplace_back(columns[i]);
+  }
+  try {
+    query(sql, binds, [&](const TeskRowReader& r) { found = r.integer(0); });
+  } catch (const TeskStoreError&) {
+  }
+  return found > 0;
+}
+
 std::vector<std::string> TeskStore::columnNames(const std::string& sql) {
   if (!db_) throw TeskStoreError::sql("closed");
   Statement stmt = prepare(db_.get(), sql);

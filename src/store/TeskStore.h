@@ -112,6 +112,9 @@ class TeskStore {
   // True when `table` has a column `column` (case-insensitive). Never throws; a
   // missing table is false.
   bool columnExists(const std::string& column, const std::string& table);
+  // True when some index of `table` begins with `columns`, in that order
+  // (case-insensitive). Never throws (false when unsure).
+  bool indexLeadsWith(const std::string& table, const std::vector<std::string>& columns);
   // The result column names of `sql`, prepared but not run; throws sql.
   std::vector<std::string> columnNames(const std::string& sql);
   // Column 0 of the last row `sql` returns, as an integer (NULL reads 0); absent

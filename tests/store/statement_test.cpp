@@ -22,7 +22,8 @@ class StatementTest : public ::testing::Test {
          "INSERT INTO message VALUES (1, 'hi', 1, x'000102030405060708090a0b', 2.5);"
          "INSERT INTO message VALUES (2, NULL, 0, x'', NULL);"
          "INSERT INTO message VALUES (3, 'o''k', NULL, NULL, -1.75);"
-         "CREATE VIEW unread AS SELECT * FROM message WHERE is_read = 0;");
+         "CREATE VIEW unread AS SELECT * FROM message WHERE is_read = 0;"
+         "CREATE INDEX message_state ON message(is_read, score);");
     store_ = std::make_unique<TeskStore>(path_, TeskStore::Environment{nullptr, tmp_.path()});
   }
 
@@ -210,6 +211,12 @@ TEST_F(StatementTest, SchemaProbes) {
   EXPECT_TRUE(store_->columnExists("text", "unread"));
   EXPECT_FALSE(store_->columnExists("is_finished", "message"));
   EXPECT_FALSE(store_->columnExists("text", "no_such_table"));  // false, not an error
+
+  EXPECT_TRUE(store_->indexLeadsWith("message", {"is_read"}));
+  EXPECT_TRUE(store_->indexLeadsWith("message", {"IS_READ", "score"}));
+  EXPECT_FALSE(store_->indexLeadsWith("message", {"score"}));  // second, not first
+  EXPECT_FALSE(store_->indexLeadsWith("message", {"is_read", "text"}));
+  EXPECT_FALSE(store_->indexLeadsWith("no_such_table", {"is_read"}));
 }
 
 TEST_F(StatementTest, ColumnNamesWithoutRunning) {

@@ -109,15 +109,6 @@ double appleToUnix(int64_t v) { return TeskTime::fromAppleDate(v); }
 
 namespace {
 
-// True when some index of `table` has message_id as its first column.
-bool leadsWithMessageID(TeskStore& store, const std::string& table) {
-  return store
-             .scalarInt("SELECT COUNT(*) FROM pragma_index_list('" + table +
-                        "') l WHERE (SELECT name FROM pragma_index_info(l.name) "
-                        "WHERE seqno = 0) = 'message_id'")
-             .value_or(0) > 0;
-}
-
 // Stores older than reactions have no tapbacks: their type reads as 0.
 std::string withoutMissingType(const Schema& schema, std::string sql) {
   if (schema.associatedType) return sql;
@@ -182,8 +173,9 @@ Schema probe(TeskStore& store) {
   s.isFinished = store.columnExists("is_finished", "message");
   s.isSystemMessage = store.columnExists("is_system_message", "message");
   s.attachments = store.tableExists("attachment") && store.tableExists("message_attachment_join");
-  s.chatJoinIndex = leadsWithMessageID(store, "chat_message_join");
-  s.attachmentJoinIndex = s.attachments && leadsWithMessageID(store, "message_attachment_join");
+  s.chatJoinIndex = store.indexLeadsWith("chat_message_join", {"message_id"});
+  s.attachmentJoinIndex =
+      s.attachments && store.indexLeadsWith("message_attachment_join", {"message_id"});
   s.hideAttachment = s.attachments && store.columnExists("hide_attachment", "attachment");
   s.chatHandleJoin = store.tableExists("chat_handle_join");
   return s;

@@ -428,15 +428,28 @@ TEST_F(MailHome, DatesThatAreNoInstantLeaveTheHorizonsToTheStore) {
   message(606, 253402300799.0, 1, 11, "year 9999");
   message(607, 0, 5, 11, "garbled");
   exec("UPDATE messages SET date_received = 'soon' WHERE ROWID = 607");
+  message(608, kNow - 50 * kDay, 9, 11, "a mailbox the index does not name");
+  message(609, -5, 9, 11, "a sentinel there");
   filter_.since = kNow - 30 * kDay;
-  const auto r = read();
-  ASSERT_EQ(r.rows.size(), 1u);
-  EXPECT_EQ(r.noInstant, 4);
-  ASSERT_TRUE(r.horizon);
-  EXPECT_EQ(r.horizon->from, kNow - 100 * kDay);
-  EXPECT_EQ(r.horizon->to, kNow - 10 * kDay);
-  EXPECT_EQ(r.horizons.at("Archive").from, kNow - 100 * kDay);
-  EXPECT_EQ(r.horizons.at("INBOX").from, kNow - 40 * kDay);
+  // Grouped in one pass, or mailbox by mailbox down an index on (mailbox, date).
+  for (const char* index :
+       {"", "CREATE INDEX messages_mailbox_index ON messages(mailbox, date_received)"}) {
+    if (*index) {
+      db_ = tesk_test::openDB(version_ / "MailData/Envelope Index");
+      exec(index);
+    }
+    const auto r = read();
+    ASSERT_EQ(r.rows.size(), 1u) << index;
+    EXPECT_EQ(r.noInstant, 5) << index;
+    ASSERT_TRUE(r.horizon) << index;
+    EXPECT_EQ(r.horizon->from, kNow - 100 * kDay) << index;
+    EXPECT_EQ(r.horizon->to, kNow - 10 * kDay) << index;
+    EXPECT_EQ(r.horizons, (std::map<std::string, TeskSpan>{
+                              {"Archive", {kNow - 100 * kDay, kNow - 100 * kDay}},
+                              {"INBOX", {kNow - 40 * kDay, kNow - 10 * kDay}},
+                              {"(unknown mailbox)", {kNow - 50 * kDay, kNow - 50 * kDay}}}))
+        << index;
+  }
 }
 
 TEST_F(MailHome, WindowHorizonsAndUndatedRows) {
