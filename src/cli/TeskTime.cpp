@@ -292,7 +292,7 @@ std::optional<double> parseISO(std::string_view t) {
   return wholePlusFraction(days * 86400 + h * 3600 + mi * 60 + s - offset, fraction);
 }
 
-std::string isoString(double unixSeconds) {
+void appendISO(std::string& out, double unixSeconds) {
   if (!std::isfinite(unixSeconds)) unixSeconds = 0;
   // Clamp to years 0..9999 so the fixed-width form always holds.
   unixSeconds = std::fmax(-62167219200.0, std::fmin(unixSeconds, 253402300799.0));
@@ -322,7 +322,13 @@ std::string isoString(double unixSeconds) {
   put(11, static_cast<unsigned>(rem / 3600), 2);
   put(14, static_cast<unsigned>(rem / 60 % 60), 2);
   put(17, static_cast<unsigned>(rem % 60), 2);
-  return std::string(buf, sizeof buf);
+  out.append(buf, sizeof buf);
+}
+
+std::string isoString(double unixSeconds) {
+  std::string out;
+  appendISO(out, unixSeconds);
+  return out;
 }
 
 std::string exactString(double unixSeconds) {

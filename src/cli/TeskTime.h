@@ -39,6 +39,8 @@ std::optional<double> parseISO(std::string_view text);
 
 // UTC internet date-time, "Z", whole seconds (floored): 2026-01-01T09:30:00Z.
 std::string isoString(double unixSeconds);
+// isoString(unixSeconds) appended to `out` (its 20 characters outgrow a short string).
+void appendISO(std::string& out, double unixSeconds);
 // The same form with as many fractional digits as it takes for parseISO to give back
 // exactly this double (none for a whole second): 2026-01-01T09:30:00.1234567Z.
 // Paging hints are written this way, so no row is lost to a rounded second.

@@ -98,7 +98,7 @@ const std::string& TeskEmitter::header() {
 void TeskEmitter::appendTSVLine(std::string& out, const TeskRow& row, bool showBody) {
   out += row.id;
   out += '\t';
-  out += TeskTime::isoString(row.ts);
+  TeskTime::appendISO(out, row.ts);
   out += '\t';
   TeskText::appendTSV(out, row.who);
   out += '\t';
@@ -154,14 +154,14 @@ std::string TeskEmitter::jsonLine(const TeskRow& row, bool showBody) {
   out += ",\"id\":";
   appendString(out, row.id);
   out += ",\"iso\":\"";
-  out += TeskTime::isoString(row.ts);
+  TeskTime::appendISO(out, row.ts);
   out += "\",\"kind\":\"";
   out += TeskRow::rawValue(row.kind);
   out += "\",\"src\":";
   appendString(out, row.src);
   if (row.start) {
     out += ",\"start\":\"";
-    out += TeskTime::isoString(*row.start);
+    TeskTime::appendISO(out, *row.start);
     out += '"';
   }
   out += ",\"tesk_id\":";
