@@ -318,6 +318,14 @@ class Stream::Reader final : public TeskRowStream {
         }
       }
       cursor_.emplace(*store_, sql, binds);
+      // Every visit with an instant lies in the span, so a window that misses it holds
+      // no row: the statement is prepared (a moved schema is still named) but not run.
+      // A stale history (Safari keeps no index on visit_time) is then not read twice.
+      const TeskIMessage::Filter& f = sel.filter;
+      if (windowed_ &&
+          (!span_ || (f.since && span_->to < *f.since) || (f.until && span_->from > *f.until))) {
+        cursor_.reset();
+      }
     } catch (const TeskStoreError& e) {
       fail(e);
     }

@@ -284,6 +284,32 @@ TEST_F(WebSynthetic, WindowNarrowsRowsNotSpans) {
   EXPECT_EQ(r.perSource["chrome"], 2);
 }
 
+// A window past the newest visit holds no row and reads none, yet the receipt's spans
+// and counts are those of any window; one that touches the span's end reads it, and a
+// moved schema is named whether the window meets any visit or not.
+TEST_F(WebSynthetic, WindowBeyondTheSpan) {
+  const TeskWeb::Result whole = read({});
+  TeskIMessage::Filter f;
+  f.since = 1715526400.0 + 1;  // a second after visit 8, the newest
+  TeskWeb::Result r = read(f);
+  EXPECT_TRUE(r.denied.empty());
+  EXPECT_TRUE(r.rows.empty());
+  EXPECT_EQ(r.excludedNoHost, 0);
+  EXPECT_EQ(r.horizons, whole.horizons);
+  EXPECT_EQ(r.noInstant, whole.noInstant);
+  EXPECT_EQ(r.perSource["chrome"], 0);
+  f.since = 1715526400.0;  // visit 8 itself: read, and left out for want of a host
+  EXPECT_EQ(read(f).excludedNoHost, 1);
+
+  f.since = 1715526400.0 + 1;
+  tesk_test::DB db = tesk_test::openDB(path_);
+  tesk_test::exec(db.get(), "ALTER TABLE urls RENAME COLUMN title TO page_title;");
+  r = read(f);
+  ASSERT_EQ(r.denied.size(), 1u);
+  EXPECT_EQ(r.denied[0], "chrome: schema moved \xE2\x80\x94 sql: no such column: u.title");
+  EXPECT_EQ(r.horizons, whole.horizons);
+}
+
 TEST_F(WebSynthetic, Selectors) {
   const auto ids = [](const TeskWeb::Result& r) {
     std::vector<std::string> out;
