@@ -165,6 +165,16 @@ PartResult textPart(std::string_view media, std::string_view contentType, std::s
   return result;
 }
 
+// Appends [from, to) without its CRs.
+void appendWithoutCR(std::string& out, const char* from, const char* to) {
+  while (from < to) {
+    const void* cr = std::memchr(from, '\r', static_cast<size_t>(to - from));
+    const char* stop = cr ? static_cast<const char*>(cr) : to;
+    out.append(from, stop);
+    from = cr ? stop + 1 : to;
+  }
+}
+
 }  // namespace
 
 std::optional<size_t> find(std::string_view needle, std::string_view haystack) {
@@ -174,24 +184,27 @@ std::optional<size_t> find(std::string_view needle, std::string_view haystack) {
   return static_cast<size_t>(static_cast<const char*>(hit) - haystack.data());
 }
 
+// Line by line rather than byte by byte: a header block is read for every body decoded.
 std::string unfold(std::string_view bytes) {
-  std::string noCR;
-  noCR.reserve(bytes.size());
-  for (char c : bytes) {
-    if (c != '\r') noCR.push_back(c);
-  }
   std::string out;
-  out.reserve(noCR.size());
-  for (size_t i = 0; i < noCR.size(); ++i) {
-    const char c = noCR[i];
-    if (c == '\n' && i + 1 < noCR.size() && (noCR[i + 1] == ' ' || noCR[i + 1] == '\t')) {
-      size_t j = i + 1;
-      while (j < noCR.size() && (noCR[j] == ' ' || noCR[j] == '\t')) ++j;
+  out.reserve(bytes.size());
+  const char* p = bytes.data();
+  const char* const end = p + bytes.size();
+  while (p < end) {
+    const void* found = std::memchr(p, '\n', static_cast<size_t>(end - p));
+    const char* lf = found ? static_cast<const char*>(found) : end;
+    appendWithoutCR(out, p, lf);
+    if (lf == end) break;
+    // A line break whose next byte other than a CR is a blank folds, with every blank
+    // (and CR) after it, into one space.
+    p = lf + 1;
+    while (p < end && *p == '\r') ++p;
+    if (p < end && (*p == ' ' || *p == '\t')) {
+      while (p < end && (*p == ' ' || *p == '\t' || *p == '\r')) ++p;
       out.push_back(' ');
-      i = j - 1;
-      continue;
+    } else {
+      out.push_back('\n');
     }
-    out.push_back(c);
   }
   if (isValidUTF8(out)) return out;
   return repairUTF8(out);

@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "sources/mail/TeskMail.h"
@@ -194,9 +195,19 @@ TEST(MailParameter, Table) {
 }
 
 TEST(MailHeaders, UnfoldHeaderAndSplit) {
-  EXPECT_EQ(TeskMail::unfold("A: x\r\n\t  y\r\nB: z"), "A: x y\nB: z");
-  EXPECT_EQ(TeskMail::unfold("A: x\n y"), "A: x y");
-  EXPECT_EQ(TeskMail::unfold("A: \xFF"), "A: \xEF\xBF\xBD");
+  // Every CR goes first; a line break then folds when a blank follows it.
+  for (const auto& [in, out] : std::vector<std::pair<std::string, std::string>>{
+           {"A: x\r\n\t  y\r\nB: z", "A: x y\nB: z"},
+           {"A: x\n y", "A: x y"},
+           {"A\r\n\r\n B", "A\n B"},  // an empty line, then a fold
+           {"A\n\r B", "A B"},        // a CR between the break and the blank
+           {"A\n \r\tB", "A B"},      // and inside the blanks
+           {"A\rB\n", "AB\n"},        // a lone CR; the last break stays
+           {"A\n ", "A "},
+           {"A: \xFF", "A: \xEF\xBF\xBD"},
+       }) {
+    EXPECT_EQ(TeskMail::unfold(in), out) << in;
+  }
 
   const std::string text = "Subject: hi\nContent-Type :  text/html ; charset=x \nbad line\n";
   EXPECT_EQ(TeskMail::header("content-type", text), "text/html ; charset=x");
