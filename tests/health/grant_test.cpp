@@ -113,34 +113,21 @@ TEST(TeskGrant, LinkVerdictTable) {
   const std::string add =
       "add your google account in system settings → internet accounts, and turn on mail, "
       "calendars and contacts";
+  auto turnOn = [](const std::string& what) {
+    return "turn on " + what + " in system settings → internet accounts → google";
+  };
+  using V = Link::Verdict;
+  using M = Mirror;
   const Case cases[] = {
-      {"not active", false, true, all, std::nullopt, Link::Verdict::absent, add},
-      {"not active wins over an error", false, false, {}, "x 1", Link::Verdict::absent, add},
-      {"unauthenticated whatever the switches", true, false, all, std::nullopt,
-       Link::Verdict::broken, broken},
-      {"a provider error", true, true, all, "NSURLErrorDomain 401", Link::Verdict::broken, broken},
-      {"two missing",
-       true,
-       true,
-       {Mirror::mail},
-       std::nullopt,
-       Link::Verdict::partial,
-       "turn on calendars and contacts in system settings → internet accounts → google"},
-      {"one missing",
-       true,
-       true,
-       {Mirror::mail, Mirror::contacts},
-       std::nullopt,
-       Link::Verdict::partial,
-       "turn on calendars in system settings → internet accounts → google"},
-      {"none on",
-       true,
-       true,
-       {},
-       std::nullopt,
-       Link::Verdict::partial,
-       "turn on mail and calendars and contacts in system settings → internet accounts → google"},
-      {"complete", true, true, all, std::nullopt, Link::Verdict::complete, std::nullopt},
+      // {} where there is no error, or no repair
+      {"not active", false, true, all, {}, V::absent, add},
+      {"not active wins over an error", false, false, {}, "x 1", V::absent, add},
+      {"unauthenticated whatever the switches", true, false, all, {}, V::broken, broken},
+      {"a provider error", true, true, all, "NSURLErrorDomain 401", V::broken, broken},
+      {"two missing", true, true, {M::mail}, {}, V::partial, turnOn("calendars and contacts")},
+      {"one missing", true, true, {M::mail, M::contacts}, {}, V::partial, turnOn("calendars")},
+      {"none on", true, true, {}, {}, V::partial, turnOn("mail and calendars and contacts")},
+      {"complete", true, true, all, {}, V::complete, {}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);

@@ -61,9 +61,18 @@ TEST(TeskOptelHealth, UnusableFilesAreAbsent) {
   }
 }
 
+// A status file whose heartbeat and last event lie the given seconds ago, with more fields.
+std::string status(double heartbeat, double event, const std::string& more = "") {
+  return R"({"heartbeat_at":")" + at(heartbeat) + R"(","last_event_at":")" + at(event) + "\"" +
+         (more.empty() ? "" : "," + more) + "}";
+}
+
 TEST(TeskOptelHealth, HeartbeatVerdictsAndDetail) {
   const std::string installed =
       R"("executable": "/Applications/Harbend.app/Contents/Helpers/optel")";
+  const std::string lag10 =
+      "Chronlet: heartbeat 31s; source lag 10s; titles need screen recording; legacy helper; "
+      "process events 0";
   struct Case {
     std::string name;
     std::string json;
@@ -72,39 +81,20 @@ TEST(TeskOptelHealth, HeartbeatVerdictsAndDetail) {
   };
   const Case cases[] = {
       {"the documented example",
-       R"({"heartbeat_at":")" + at(4) + R"(","last_event_at":")" + at(41) +
-           R"(","events_written":18233,"titles":true,"titles_observed":true,)" + installed + "}",
+       status(4, 41, R"("events_written":18233,"titles":true,"titles_observed":true,)" + installed),
        Verdict::fresh,
        "Chronlet: heartbeat 4s; source lag 41s; titles available and observed; installed "
        "helper; process events 18233"},
-      {"heartbeat 31s without poll_s is stale",
-       R"({"heartbeat_at":")" + at(31) + R"(","last_event_at":")" + at(10) + R"("})",
-       Verdict::stale,
-       "Chronlet: heartbeat 31s; source lag 10s; titles need screen recording; legacy helper; "
-       "process events 0"},
-      {"poll_s 20 widens the heartbeat bound to 60s",
-       R"({"heartbeat_at":")" + at(31) + R"(","last_event_at":")" + at(10) + R"(","poll_s":20})",
-       Verdict::fresh,
-       "Chronlet: heartbeat 31s; source lag 10s; titles need screen recording; legacy helper; "
-       "process events 0"},
-      {"poll_s 20 still stale past 60s",
-       R"({"heartbeat_at":")" + at(61) + R"(","last_event_at":")" + at(10) + R"(","poll_s":20})",
+      {"heartbeat 31s without poll_s is stale", status(31, 10), Verdict::stale, lag10},
+      {"poll_s 20 widens the heartbeat bound to 60s", status(31, 10, R"("poll_s":20)"),
+       Verdict::fresh, lag10},
+      {"poll_s 20 still stale past 60s", status(61, 10, R"("poll_s":20)"), Verdict::stale, ""},
+      {"small poll_s keeps the 30s floor", status(29, 5, R"("poll_s":1)"), Verdict::fresh, ""},
+      {"small poll_s: event bound is 3*poll + idle", status(1, 304, R"("poll_s":1)"),
        Verdict::stale, ""},
-      {"small poll_s keeps the 30s floor",
-       R"({"heartbeat_at":")" + at(29) + R"(","last_event_at":")" + at(5) + R"(","poll_s":1})",
-       Verdict::fresh, ""},
-      {"small poll_s: event bound is 3*poll + idle",
-       R"({"heartbeat_at":")" + at(1) + R"(","last_event_at":")" + at(304) + R"(","poll_s":1})",
-       Verdict::stale, ""},
-      {"event at exactly allowance + idle is fresh",
-       R"({"heartbeat_at":")" + at(1) + R"(","last_event_at":")" + at(315) + R"("})",
-       Verdict::fresh, ""},
-      {"event one second past is stale",
-       R"({"heartbeat_at":")" + at(1) + R"(","last_event_at":")" + at(316) + R"("})",
-       Verdict::stale, ""},
-      {"idle_heartbeat_s widens the event bound",
-       R"({"heartbeat_at":")" + at(1) + R"(","last_event_at":")" + at(900) +
-           R"(","idle_heartbeat_s":1000})",
+      {"event at exactly allowance + idle is fresh", status(1, 315), Verdict::fresh, ""},
+      {"event one second past is stale", status(1, 316), Verdict::stale, ""},
+      {"idle_heartbeat_s widens the event bound", status(1, 900, R"("idle_heartbeat_s":1000)"),
        Verdict::fresh, ""},
       {"written_at stands in for heartbeat_at",
        R"({"written_at":")" + at(7) + R"(","last_event_at":")" + at(8) +
@@ -127,9 +117,7 @@ TEST(TeskOptelHealth, HeartbeatVerdictsAndDetail) {
        Verdict::fresh,
        "Chronlet: heartbeat 2s; source lag 3s; titles need screen recording; legacy helper; "
        "process events 0"},
-      {"future timestamps count as age 0",
-       R"({"heartbeat_at":")" + at(-100) + R"(","last_event_at":")" + at(-50) + R"("})",
-       Verdict::fresh,
+      {"future timestamps count as age 0", status(-100, -50), Verdict::fresh,
        "Chronlet: heartbeat 0s; source lag 0s; titles need screen recording; legacy helper; "
        "process events 0"},
       {"no parseable heartbeat",
@@ -153,9 +141,7 @@ TEST(TeskOptelHealth, HeartbeatVerdictsAndDetail) {
 
 TEST(TeskOptelHealth, RowFieldsFollowTheLastEvent) {
   tesk_test::TempHome home;
-  home.write(".harbend/optel/capture-status.json", R"({"heartbeat_at":")" + at(3) +
-                                                       R"(","last_event_at":")" + at(7200) +
-                                                       R"(","events_written":42})");
+  home.write(".harbend/optel/capture-status.json", status(3, 7200, R"("events_written":42)"));
   auto r = TeskOptelHealth::row(home.path(), kNow);
   EXPECT_EQ(r.count, 42);
   EXPECT_DOUBLE_EQ(r.newest, kNow - 7200);
