@@ -33,6 +33,9 @@ void run(const Case& c) {
 TEST(TeskAssert, FlagTerms) {
   auto capped = [](TeskReceipt& r) { r.capped = true; };
   auto agg = [](TeskReceipt& r) { r.mode = "agg"; };
+  auto stale = [](TeskReceipt& r) { r.stale = {"chrome", "mail"}; };
+  auto denied = [](TeskReceipt& r) { r.denied = {"im: denied"}; };
+  auto one = [](TeskReceipt& r) { r.rowsTotal = 1; };
   const Case cases[] = {
       {"not-capped holds", {"not-capped"}, nullptr, "", ""},
       {"not-capped fails", {"not-capped"}, capped, "not-capped", "capped=true"},
@@ -42,27 +45,13 @@ TEST(TeskAssert, FlagTerms) {
       {"complete fails on agg", {"complete"}, agg, "complete", "capped=false mode=agg"},
       {"complete fails on capped", {"complete"}, capped, "complete", "capped=true mode=rows"},
       {"fresh holds", {"fresh"}, nullptr, "", ""},
-      {"fresh fails",
-       {"fresh"},
-       [](TeskReceipt& r) {
-         r.stale = {"chrome", "mail"};
-       },
-       "fresh",
-       "stale=[\"chrome\", \"mail\"]"},
-      {"granted fails",
-       {"granted"},
-       [](TeskReceipt& r) { r.denied = {"im: denied"}; },
-       "granted",
-       "denied=[\"im: denied\"]"},
+      {"fresh fails", {"fresh"}, stale, "fresh", "stale=[\"chrome\", \"mail\"]"},
+      {"granted fails", {"granted"}, denied, "granted", "denied=[\"im: denied\"]"},
       {"any fails on empty answer", {"any"}, nullptr, "any", "rows_total=0"},
-      {"any holds", {"any"}, [](TeskReceipt& r) { r.rowsTotal = 1; }, "", ""},
+      {"any holds", {"any"}, one, "", ""},
       // Flags are case-sensitive; without an operator a non-flag is unparseable.
       {"capitalised flag", {"Fresh"}, nullptr, "Fresh", "unparseable"},
-      {"trimmed flag",
-       {"  fresh \n"},
-       [](TeskReceipt& r) { r.stale = {"x"}; },
-       "fresh",
-       "stale=[\"x\"]"},
+      {"trimmed flag", {"  fresh \n"}, stale, "fresh", "stale=[\"chrome\", \"mail\"]"},
   };
   for (const auto& c : cases) run(c);
 }
@@ -73,6 +62,15 @@ TEST(TeskAssert, NumericTerms) {
     r.decoded.legacyAttributed = 98765;
     r.decoded.undecodable = 1235;
   };
+  using R = TeskReceipt;
+  auto out0 = [](R& r) { r.rowsOut = 0; };
+  auto plain = [](R& r) { r.decoded.plainText = 10; };
+  auto bad3 = [](R& r) { r.decoded.undecodable = 3; };
+  auto orphans = [](R& r) { r.orphans = 2; };
+  auto slow = [](R& r) { r.elapsedMS = 250; };
+  auto before1970 = [](R& r) { r.sourceModified = -1; };
+  auto old = [](R& r) { r.sourceModified = kNow - 36 * 3600; };
+  auto recent = [](R& r) { r.sourceModified = kNow - 60; };
   const Case cases[] = {
       {"rows>=1 on empty answer", {"rows>=1"}, nullptr, "rows>=1", "rows=0.0"},
       {"blanks around operator", {"rows > 5"}, rows12, "", ""},
@@ -91,11 +89,7 @@ TEST(TeskAssert, NumericTerms) {
       {"decimal threshold", {"rows>11.5"}, rows12, "", ""},
       {"exponent threshold", {"rows<1.3e1"}, rows12, "", ""},
       {"negative threshold", {"rows>-1"}, nullptr, "", ""},
-      {"rows_out",
-       {"rows_out>=1"},
-       [](TeskReceipt& r) { r.rowsOut = 0; },
-       "rows_out>=1",
-       "rows_out=0.0"},
+      {"rows_out", {"rows_out>=1"}, out0, "rows_out>=1", "rows_out=0.0"},
       {"coverage with no blobs is 1", {"coverage>=0.999"}, nullptr, "", ""},
       {"decode_rate shortest form",
        {"decode_rate>=0.999"},
@@ -103,34 +97,14 @@ TEST(TeskAssert, NumericTerms) {
        "decode_rate>=0.999",
        "decode_rate=0.98765"},
       {"decoded is the same rate", {"decoded==1"}, rate, "decoded==1", "decoded=0.98765"},
-      {"coverage ignores plain text",
-       {"coverage==1"},
-       [](TeskReceipt& r) { r.decoded.plainText = 10; },
-       "",
-       ""},
-      {"undecodable",
-       {"undecodable==0"},
-       [](TeskReceipt& r) { r.decoded.undecodable = 3; },
-       "undecodable==0",
-       "undecodable=3.0"},
-      {"orphans", {"orphans<1"}, [](TeskReceipt& r) { r.orphans = 2; }, "orphans<1", "orphans=2.0"},
-      {"ms", {"ms<100"}, [](TeskReceipt& r) { r.elapsedMS = 250; }, "ms<100", "ms=250.0"},
+      {"coverage ignores plain text", {"coverage==1"}, plain, "", ""},
+      {"undecodable", {"undecodable==0"}, bad3, "undecodable==0", "undecodable=3.0"},
+      {"orphans", {"orphans<1"}, orphans, "orphans<1", "orphans=2.0"},
+      {"ms", {"ms<100"}, slow, "ms<100", "ms=250.0"},
       {"age_hours unknown mtime", {"age_hours<24"}, nullptr, "age_hours<24", "unknown term"},
-      {"age_hours negative mtime",
-       {"age_hours<24"},
-       [](TeskReceipt& r) { r.sourceModified = -1; },
-       "age_hours<24",
-       "unknown term"},
-      {"age_hours measured from now",
-       {"age_hours<24"},
-       [](TeskReceipt& r) { r.sourceModified = kNow - 36 * 3600; },
-       "age_hours<24",
-       "age_hours=36.0"},
-      {"age_hours fresh",
-       {"age_hours<24"},
-       [](TeskReceipt& r) { r.sourceModified = kNow - 60; },
-       "",
-       ""},
+      {"age_hours negative mtime", {"age_hours<24"}, before1970, "age_hours<24", "unknown term"},
+      {"age_hours measured from now", {"age_hours<24"}, old, "age_hours<24", "age_hours=36.0"},
+      {"age_hours fresh", {"age_hours<24"}, recent, "", ""},
       {"no operator", {"rows"}, nullptr, "rows", "unparseable"},
   };
   for (const auto& c : cases) run(c);

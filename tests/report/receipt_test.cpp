@@ -142,45 +142,33 @@ TEST(TeskReceipt, OptionalPartsAppearOnlyWhenTheyHoldSomething) {
     const char* key;
     bool present;
   };
+  using R = TeskReceipt;
+  auto lacksUnread = [](R& r) { r.openMode = "plain", r.attachmentsSupported = true; };
+  auto hasBoth = [](R& r) { r.openMode = "ro", r.unreadSupported = r.attachmentsSupported = true; };
+  auto firstSecond = [](R& r) { r.window = TeskSpan{0, 1}; };
   const Case cases[] = {
-      {"undated 0", [](TeskReceipt& r) { r.undated = 0; }, "\"undated\"", false},
-      {"undated 1", [](TeskReceipt& r) { r.undated = 1; }, "\"undated\":1,", true},
-      {"hidden 0", [](TeskReceipt& r) { r.hiddenAttachments = 0; }, "\"hidden_attachments\"",
-       false},
-      {"hidden 1", [](TeskReceipt& r) { r.hiddenAttachments = 1; }, "\"hidden_attachments\":1,",
-       true},
+      {"undated 0", [](R& r) { r.undated = 0; }, "\"undated\"", false},
+      {"undated 1", [](R& r) { r.undated = 1; }, "\"undated\":1,", true},
+      {"hidden 0", [](R& r) { r.hiddenAttachments = 0; }, "\"hidden_attachments\"", false},
+      {"hidden 1", [](R& r) { r.hiddenAttachments = 1; }, "\"hidden_attachments\":1,", true},
       {"no store opened: no schema_lacks",
-       [](TeskReceipt& r) { r.unreadSupported = r.attachmentsSupported = false; },
-       "\"schema_lacks\"", false},
-      {"store lacks both", [](TeskReceipt& r) { r.openMode = "ro"; },
+       [](R& r) { r.unreadSupported = r.attachmentsSupported = false; }, "\"schema_lacks\"", false},
+      {"store lacks both", [](R& r) { r.openMode = "ro"; },
        "\"schema_lacks\":[\"unread\",\"attachments\"],", true},
-      {"store lacks unread",
-       [](TeskReceipt& r) {
-         r.openMode = "plain";
-         r.attachmentsSupported = true;
-       },
-       "\"schema_lacks\":[\"unread\"],", true},
-      {"store has both",
-       [](TeskReceipt& r) {
-         r.openMode = "ro";
-         r.unreadSupported = r.attachmentsSupported = true;
-       },
-       "\"schema_lacks\"", false},
-      {"mtime 0", [](TeskReceipt& r) { r.sourceModified = 0; }, "\"source_mtime\"", false},
-      {"mtime negative", [](TeskReceipt& r) { r.sourceModified = -5; }, "\"source_mtime\"", false},
-      {"mtime positive", [](TeskReceipt& r) { r.sourceModified = 0.5; },
+      {"store lacks unread", lacksUnread, "\"schema_lacks\":[\"unread\"],", true},
+      {"store has both", hasBoth, "\"schema_lacks\"", false},
+      {"mtime 0", [](R& r) { r.sourceModified = 0; }, "\"source_mtime\"", false},
+      {"mtime negative", [](R& r) { r.sourceModified = -5; }, "\"source_mtime\"", false},
+      {"mtime positive", [](R& r) { r.sourceModified = 0.5; },
        "\"source_mtime\":\"1970-01-01T00:00:00Z\",", true},
-      {"empty horizons", [](TeskReceipt& r) { r.horizons.clear(); }, "\"horizons\"", false},
-      {"empty per_source", [](TeskReceipt& r) { r.perSource.clear(); }, "\"per_source\"", false},
-      {"empty stale", [](TeskReceipt& r) { r.stale.clear(); }, "\"stale\"", false},
-      {"empty denied", [](TeskReceipt& r) { r.denied.clear(); }, "\"denied\"", false},
-      {"empty notes", [](TeskReceipt& r) { r.notes.clear(); }, "\"notes\"", false},
-      {"empty spill string", [](TeskReceipt& r) { r.spill = ""; }, "\"spill\":\"\",", true},
-      {"window",
-       [](TeskReceipt& r) {
-         r.window = TeskSpan{0, 1};
-       },
-       "\"window\":[\"1970-01-01T00:00:00Z\",\"1970-01-01T00:00:01Z\"],", true},
+      {"empty horizons", [](R& r) { r.horizons.clear(); }, "\"horizons\"", false},
+      {"empty per_source", [](R& r) { r.perSource.clear(); }, "\"per_source\"", false},
+      {"empty stale", [](R& r) { r.stale.clear(); }, "\"stale\"", false},
+      {"empty denied", [](R& r) { r.denied.clear(); }, "\"denied\"", false},
+      {"empty notes", [](R& r) { r.notes.clear(); }, "\"notes\"", false},
+      {"empty spill string", [](R& r) { r.spill = ""; }, "\"spill\":\"\",", true},
+      {"window", firstSecond, "\"window\":[\"1970-01-01T00:00:00Z\",\"1970-01-01T00:00:01Z\"],",
+       true},
   };
   for (const auto& c : cases) {
     TeskReceipt r;
