@@ -4,6 +4,7 @@
 #include <utime.h>
 
 #include <filesystem>
+#include <functional>
 
 #include "common/TeskTestHome.h"
 
@@ -20,6 +21,15 @@ const char* kEmDash = " \xE2\x80\x94 ";
 
 // Seconds since 2001 for a unix instant, as the store keeps dates.
 std::string core(double unix) { return std::to_string(unix - kApple); }
+
+// `sql` with each @N (a whole number of days from now) written as a stored date.
+std::string dated(std::string sql) {
+  for (size_t at; (at = sql.find('@')) != std::string::npos;) {
+    size_t end = sql.find_first_not_of("-0123456789", at + 1);
+    sql.replace(at, end - at, core(kNow + std::stoi(sql.substr(at + 1, end - at - 1)) * kDay));
+  }
+  return sql;
+}
 
 std::string storePath(const TempHome& home, const std::string& name) {
   return home.file(kStores + "/" + name);
@@ -64,41 +74,24 @@ TEST(RemindersRead, NoStoreIsOneDenial) {
 class RemindersTwoStores : public ::testing::Test {
  protected:
   void SetUp() override {
-    makeStore(home_, "Data-A.sqlite",
-              "INSERT INTO ZREMCDBASELIST(Z_PK, ZNAME) VALUES (1, 'Groceries'), (2, 'Work');"
+    makeStore(
+        home_, "Data-A.sqlite",
+        dated("INSERT INTO ZREMCDBASELIST(Z_PK, ZNAME) VALUES (1, 'Groceries'), (2, 'Work');"
               "INSERT INTO ZREMCDREMINDER(Z_PK, ZTITLE, ZNOTES, ZDUEDATE, ZLASTMODIFIEDDATE,"
               " ZCREATIONDATE, ZLIST, ZCKIDENTIFIER, ZEXTERNALIDENTIFIER, ZCOMPLETED,"
               " ZMARKEDFORDELETION) VALUES"
-              // due next week, modified today
-              " (1, '  Buy milk ', ' 2 litres\n', " +
-                  core(kNow + 7 * kDay) + ", " + core(kNow) + ", " + core(kNow - 30 * kDay) +
-                  ", 1, 'CK-SHARED', 'EXT-1', 0, 0),"
-                  // no due date, modified two days ago
-                  " (2, 'Quarterly report', NULL, NULL, " +
-                  core(kNow - 2 * kDay) +
-                  ", NULL, 2, 'CK-2', NULL, NULL, NULL),"
-                  " (3, 'Done already', NULL, NULL, " +
-                  core(kNow) +
-                  ", NULL, 1, 'CK-3', NULL, 1, 0),"
-                  " (4, 'Deleted', NULL, NULL, " +
-                  core(kNow) +
-                  ", NULL, 1, 'CK-4', NULL, 0, 1),"
-                  " (5, '   ', '\n', NULL, " +
-                  core(kNow) +
-                  ", NULL, 1, 'CK-5', NULL, 0, 0),"
-                  " (6, NULL, 'only notes', NULL, NULL, " +
-                  core(kNow - kDay) +
-                  ", NULL, NULL, 'EXT-6', 0, 0),"
-                  " (7, 'No ids', NULL, NULL, " +
-                  core(kNow - 3 * kDay) + ", NULL, 99, NULL, NULL, 0, 0);");
+              " (1, '  Buy milk ', ' 2 litres\n', @7, @0, @-30, 1, 'CK-SHARED', 'EXT-1', 0, 0),"
+              " (2, 'Quarterly report', NULL, NULL, @-2, NULL, 2, 'CK-2', NULL, NULL, NULL),"
+              " (3, 'Done already', NULL, NULL, @0, NULL, 1, 'CK-3', NULL, 1, 0),"
+              " (4, 'Deleted', NULL, NULL, @0, NULL, 1, 'CK-4', NULL, 0, 1),"
+              " (5, '   ', '\n', NULL, @0, NULL, 1, 'CK-5', NULL, 0, 0),"
+              " (6, NULL, 'only notes', NULL, NULL, @-1, NULL, NULL, 'EXT-6', 0, 0),"
+              " (7, 'No ids', NULL, NULL, @-3, NULL, 99, NULL, NULL, 0, 0);"));
     makeStore(home_, "Data-B.sqlite",
-              "INSERT INTO ZREMCDBASELIST(Z_PK, ZNAME) VALUES (1, 'Shared list');"
-              "INSERT INTO ZREMCDREMINDER(Z_PK, ZTITLE, ZLASTMODIFIEDDATE, ZLIST, ZCKIDENTIFIER)"
-              " VALUES (1, 'Buy milk', " +
-                  core(kNow) +
-                  ", 1, 'CK-SHARED'),"
-                  " (7, 'No ids either', " +
-                  core(kNow - 4 * kDay) + ", 1, NULL);");
+              dated("INSERT INTO ZREMCDBASELIST(Z_PK, ZNAME) VALUES (1, 'Shared list');"
+                    "INSERT INTO ZREMCDREMINDER(Z_PK, ZTITLE, ZLASTMODIFIEDDATE, ZLIST,"
+                    " ZCKIDENTIFIER) VALUES (1, 'Buy milk', @0, 1, 'CK-SHARED'),"
+                    " (7, 'No ids either', @-4, 1, NULL);"));
   }
   TeskReminders::Result read(const TeskIMessage::Filter& f = {}) {
     return TeskReminders::read(f, home_.path());
@@ -177,44 +170,29 @@ TEST_F(RemindersTwoStores, WindowsAgainstDueElseStamp) {
 }
 
 TEST_F(RemindersTwoStores, Selectors) {
+  using F = TeskIMessage::Filter;
   struct Case {
     const char* name;
-    TeskIMessage::Filter filter;
+    std::function<void(F&)> set;
     std::vector<std::string> ids;
   };
-  std::vector<Case> cases;
-  {
-    TeskIMessage::Filter f;
-    f.who = "groceries";
-    cases.push_back({"who matches the list name", f, {"reminder:CK-SHARED"}});
+  const Case cases[] = {
+      {"who matches the list name", [](F& f) { f.who = "groceries"; }, {"reminder:CK-SHARED"}},
+      {"who on the default list name",
+       [](F& f) { f.who = "remind"; },
+       {"reminder:Data-A.sqlite:7", "reminder:EXT-6"}},
+      {"query over title and notes", [](F& f) { f.query = "LITRES"; }, {"reminder:CK-SHARED"}},
+      {"grep", [](F& f) { f.grep = TeskRegex::compile("^quarterly"); }, {"reminder:CK-2"}},
+      {"incoming drops all", [](F& f) { f.direction = TeskRow::Direction::incoming; }, {}},
+      // Store B files its copy of the milk under "Shared list"; store A's copy decides,
+      // so asking for that list does not bring the milk back.
+      {"a later store's list", [](F& f) { f.who = "shared"; }, {"reminder:Data-B.sqlite:7"}},
+  };
+  for (const Case& c : cases) {
+    F f;
+    c.set(f);
+    EXPECT_EQ(ids(read(f)), c.ids) << c.name;
   }
-  {
-    TeskIMessage::Filter f;
-    f.who = "remind";  // the default list name counts too
-    cases.push_back({"who on the default list", f, {"reminder:Data-A.sqlite:7", "reminder:EXT-6"}});
-  }
-  {
-    TeskIMessage::Filter f;
-    f.query = "LITRES";
-    cases.push_back({"query over title and notes", f, {"reminder:CK-SHARED"}});
-  }
-  {
-    TeskIMessage::Filter f;
-    f.grep = TeskRegex::compile("^quarterly");
-    cases.push_back({"grep", f, {"reminder:CK-2"}});
-  }
-  {
-    TeskIMessage::Filter f;
-    f.direction = TeskRow::Direction::incoming;
-    cases.push_back({"incoming drops all", f, {}});
-  }
-  for (const Case& c : cases) EXPECT_EQ(ids(read(c.filter)), c.ids) << c.name;
-
-  // Store B files its copy of the milk under "Shared list"; store A's copy decides,
-  // so asking for that list does not bring the milk back.
-  TeskIMessage::Filter shared;
-  shared.who = "shared";
-  EXPECT_EQ(ids(read(shared)), (std::vector<std::string>{"reminder:Data-B.sqlite:7"}));
 }
 
 // Older or stripped schemas: every optional piece is probed.
