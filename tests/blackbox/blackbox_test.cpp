@@ -56,24 +56,14 @@ TEST(BlackBox, OptionErrorsWriteTheErrorLineMessageAndUsage) {
   EXPECT_EQ(quote.lines[0], "#tesk {\"v\":1,\"error\":\"unknown flag --bogus\\\"flag\"}");
 }
 
+// strace's every-verb run and the SDK test hold every report verb framed.
 TEST(BlackBox, ReportVerbsAreFramed) {
   Answer api = tesk({"api"});
   EXPECT_EQ(api.exit, 0);
   expectFramed(api);
   EXPECT_TRUE(has(api.lines.front(), "\"q\":\"api\",\"rows_total\":1,\"rows_out\":1"));
   EXPECT_TRUE(has(api.lines.front(), "\"mode\":\"report\""));
-  Answer gotchas = tesk({"gotchas"});
-  EXPECT_EQ(gotchas.exit, 0);
-  expectFramed(gotchas);
-  EXPECT_EQ(gotchas.lines.size(), 62u + 2u);
-  Answer views = tesk({"views"});
-  EXPECT_EQ(views.exit, 0);
-  expectFramed(views);
-  EXPECT_TRUE(has(views.text, "CREATE VIEW tesk_message ("));
-  Answer doors = tesk({"doors"});
-  EXPECT_EQ(doors.exit, 0);
-  expectFramed(doors);
-  EXPECT_EQ(doors.lines[1], "door\tgranted\tallows");
+  EXPECT_TRUE(has(tesk({"views"}).text, "CREATE VIEW tesk_message ("));
 }
 
 TEST(BlackBox, UnknownSourcesAreDeniedNotFaked) {
@@ -216,15 +206,7 @@ TEST(BlackBox, SqlVerbAnswersAndRefusesWrites) {
             std::vector<std::string>(count.lines.begin() + 1, count.lines.end() - 1));
   EXPECT_TRUE(has(asked.lines[0], "--src: `sql` reads the message store alone — not read: cal"));
   EXPECT_FALSE(has(asked.lines[0], "\"cal\""));
-  Answer refused = tesk({"sql", "DELETE FROM message"}, h.path());
-  EXPECT_EQ(refused.exit, 4);
-  expectFramed(refused);
-  EXPECT_EQ(refused.lines[1],
-            "tesk: sql: tesk sql accepts SELECT/WITH only — this binary has no write path");
-  Answer two = tesk({"sql", "SELECT 1; SELECT 2"}, h.path());
-  EXPECT_EQ(two.exit, 4);
-  expectFramed(two);
-  EXPECT_EQ(two.lines[1].rfind("tesk: sql: tesk sql runs one statement", 0), 0u) << two.text;
+  // Refusals (every writing form, two statements) are reliability's SqlVerb test.
   EXPECT_EQ(tesk({"sql"}, h.path()).lines.front(), "tesk: `sql` needs a SELECT statement");
   EXPECT_EQ(tesk({"thread"}, h.path()).lines.front(), "tesk: `thread` needs --who");
 }

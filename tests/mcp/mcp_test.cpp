@@ -198,6 +198,8 @@ TEST(TeskMCPServer, AnswersABatchInOneArray) {
   EXPECT_FALSE(send(server, "[{\"jsonrpc\":\"2.0\",\"method\":\"notifications/initialized\"}]"));
 }
 
+// The SDK test holds the names in order, descriptions, annotations, each selector's type and
+// enum, the text property and the required lists; this holds what it does not look at.
 TEST(TeskMCPTools, OneToolPerVerbWithTheCatalogueSelectors) {
   Recorder rec;
   TeskMCPServer server = rec.server();
@@ -207,12 +209,7 @@ TEST(TeskMCPTools, OneToolPerVerbWithTheCatalogueSelectors) {
   for (size_t i = 0; i < tools.array()->size(); ++i) {
     const Node& tool = tools.array()->at(i);
     const TeskAPI::Verb& verb = TeskAPI::verbs()[i];
-    EXPECT_EQ(*tool.member("name")->string(), verb.name);
-    EXPECT_EQ(tool.member("description")->string()->rfind(std::string(verb.answers) + ". ", 0), 0u);
-    EXPECT_TRUE(*tool.member("annotations")->member("readOnlyHint")->boolean());
-    EXPECT_FALSE(*tool.member("annotations")->member("openWorldHint")->boolean());
     const Node& schema = *tool.member("inputSchema");
-    EXPECT_EQ(*schema.member("type")->string(), "object");
     EXPECT_FALSE(*schema.member("additionalProperties")->boolean());
     // Every row verb takes every selector and its text; report verbs take nothing.
     size_t expected = 0;
@@ -228,21 +225,9 @@ TEST(TeskMCPTools, OneToolPerVerbWithTheCatalogueSelectors) {
   auto property = [&](const std::string& name, const std::string& key) {
     return *tool(name).member("inputSchema")->member("properties")->member(key);
   };
-  EXPECT_EQ(*tool("thread").member("inputSchema")->member("required")->array()->at(0).string(),
-            "who");
-  EXPECT_EQ(*tool("sql").member("inputSchema")->member("required")->array()->at(0).string(),
-            "text");
   EXPECT_FALSE(tool("span").member("inputSchema")->member("required"));
-  EXPECT_EQ(*property("span", "limit").member("type")->string(), "integer");
-  EXPECT_EQ(*property("span", "include_reactions").member("type")->string(), "boolean");
-  EXPECT_EQ(*property("span", "assert").member("type")->string(), "array");
-  EXPECT_EQ(*property("span", "assert").member("items")->member("type")->string(), "string");
-  EXPECT_EQ(property("span", "dir").member("enum")->array()->size(), 2u);
-  EXPECT_EQ(property("cal", "by").member("enum")->array()->size(), 6u);
   EXPECT_FALSE(property("span", "src").member("enum"));  // a comma list is no single value
   EXPECT_FALSE(property("span", "who").member("enum"));
-  EXPECT_TRUE(tool("cal").member("inputSchema")->member("properties")->member("text"));
-  EXPECT_FALSE(tool("views").member("inputSchema")->member("properties")->member("text"));
 }
 
 // The catalogue's shapes agree with the parser: a toggle stands alone, every other
