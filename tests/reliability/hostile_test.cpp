@@ -47,17 +47,13 @@ const std::vector<StoreKind>& kinds() {
   return all;
 }
 
-bool endsWith(const std::string& s, const std::string& tail) {
-  return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
-}
-
 // The store files of `kind` in `home` (every one when the kind has several).
 std::vector<std::string> storesOf(const StoreKind& kind, const std::string& home) {
   std::vector<std::string> found;
   for (const auto& e : fs::recursive_directory_iterator(home + "/" + kind.under)) {
     const std::string p = e.path().string();
-    if (e.is_regular_file() && endsWith(p, std::string("/") + kind.file)) found.push_back(p);
-    if (e.is_regular_file() && kind.file[0] == '.' && endsWith(p, kind.file)) found.push_back(p);
+    if (e.is_regular_file() && p.ends_with(std::string("/") + kind.file)) found.push_back(p);
+    if (e.is_regular_file() && kind.file[0] == '.' && p.ends_with(kind.file)) found.push_back(p);
   }
   return found;
 }
@@ -65,17 +61,9 @@ std::vector<std::string> storesOf(const StoreKind& kind, const std::string& home
 enum class Damage { truncated, randomBytes, tableMissing, foreignWal };
 
 const char* nameOf(Damage d) {
-  switch (d) {
-    case Damage::truncated:
-      return "truncated";
-    case Damage::randomBytes:
-      return "random bytes";
-    case Damage::tableMissing:
-      return "key table missing";
-    case Damage::foreignWal:
-      return "foreign -wal";
-  }
-  return "";
+  static const char* const names[] = {"truncated", "random bytes", "key table missing",
+                                      "foreign -wal"};
+  return names[static_cast<int>(d)];
 }
 
 void damage(const std::string& path, Damage d, const StoreKind& kind, const std::string& home) {
@@ -189,7 +177,7 @@ TEST(HostileStores, NamedPipeInPlaceOfAStoreNeverBlocks) {
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0) << path;
     std::string store = path;
     for (const char* suffix : {"-wal", "-shm", "-journal"}) {
-      if (endsWith(store, suffix)) store.resize(store.size() - std::strlen(suffix));
+      if (store.ends_with(suffix)) store.resize(store.size() - std::strlen(suffix));
     }
 
     Answer a = teskWithin(60, c.args, home.path(), tmp.path());
