@@ -388,6 +388,8 @@ std::string Stream::Walk::firstRecipient(int64_t rowid, const Recipients& to) {
 // every body.
 std::optional<std::string> Stream::Walk::body(int64_t rowid, const Mailbox* box) {
   Result& result = result_;
+  // An answer that reads no body (buckets, the census) opens none.
+  if (!filter_.bodies && !result.budgetWaived) return std::nullopt;
   if (!result.budgetWaived && result.bodiesAttempted >= std::max<int64_t>(bodyBudget_, 0)) {
     return std::nullopt;
   }

@@ -331,6 +331,17 @@ TEST_F(MailHome, BodyBudgetWalksNewestFirst) {
   EXPECT_EQ(r.census.notOpened, 2);
   EXPECT_EQ(r.census.plain, 1);
   EXPECT_FALSE(r.budgetWaived);
+  // Buckets and the census read no body: none is opened, every row is still there.
+  filter_.bodies = false;
+  const auto bare = read(8000);
+  ASSERT_EQ(bare.rows.size(), 3u);
+  EXPECT_EQ(bare.rows[2].body, "m2");
+  EXPECT_EQ(bare.census.attempted(), 0);
+  // A text selector still reads them.
+  filter_.query = "body 0";
+  const auto found = read(8000);
+  ASSERT_EQ(found.rows.size(), 1u);
+  EXPECT_EQ(found.rows[0].id, "mail:200");
 }
 
 // The messages of one instant leave in id order, whatever order the store keeps them
