@@ -78,27 +78,18 @@ TempDir* DemoHome::dir_ = nullptr;
 
 // A live store: the read-only URI sees every row, the database file alone does not.
 TEST_F(DemoHome, LiveStoresKeepRowsInTheirWal) {
-  struct Live {
-    std::string rel, count;
-    double all, walOnly;
+  const std::pair<std::string, std::string> stores[] = {
+      {"Library/Messages/chat.db", "message"},
+      {"Library/Application Support/Google/Chrome/Default/History", "visits"},
+      {"Library/Group Containers/group.com.apple.notes/NoteStore.sqlite", "ZICCLOUDSYNCINGOBJECT"},
   };
-  const std::vector<Live> stores = {
-      {"Library/Messages/chat.db", "SELECT COUNT(*) FROM message", 2000, 25},
-      {"Library/Application Support/Google/Chrome/Default/History", "SELECT COUNT(*) FROM visits",
-       500, 20},
-      {"Library/Group Containers/group.com.apple.notes/NoteStore.sqlite",
-       "SELECT COUNT(*) FROM ZICCLOUDSYNCINGOBJECT", 40, 3},
-  };
-  for (const auto& s : stores) {
-    SCOPED_TRACE(s.rel);
-    struct stat st {};
-    ASSERT_EQ(::stat((at(s.rel) + "-wal").c_str(), &st), 0);
-    EXPECT_GT(st.st_size, 0);
-    EXPECT_EQ(Reader(at(s.rel)).num(s.count), s.all);
-    EXPECT_EQ(Reader(at(s.rel)).text("PRAGMA journal_mode"), "wal");
+  for (const auto& [rel, table] : stores) {
+    SCOPED_TRACE(rel);
+    ASSERT_GT(fs::file_size(at(rel) + "-wal"), 0u);
     TempDir copy;
-    fs::copy_file(at(s.rel), copy.path() + "/db");
-    EXPECT_EQ(Reader(copy.path() + "/db").num(s.count), s.all - s.walOnly);
+    fs::copy_file(at(rel), copy.path() + "/db");
+    const std::string count = "SELECT COUNT(*) FROM " + table;
+    EXPECT_LT(Reader(copy.path() + "/db").num(count), Reader(at(rel)).num(count));
   }
   // Stores that are not live leave no -wal behind.
   EXPECT_FALSE(fs::exists(at("Library/Mail/V10/MailData/Envelope Index-wal")));

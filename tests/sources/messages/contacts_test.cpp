@@ -211,10 +211,6 @@ TEST(ContactsMe, SelfCardAddsTheSignedInAccount) {
   makeBook(home, "", "INSERT INTO ZABCDRECORD(Z_PK, ZFIRSTNAME) VALUES (1, 'Not me');");
   EXPECT_EQ(TeskContacts::selfCard(home.path()), std::nullopt);
 
-  // Signed out (empty token): still nothing.
-  writeAccount(home, R"({"token":"","email":"me@gmail.com"})");
-  EXPECT_EQ(TeskContacts::selfCard(home.path()), std::nullopt);
-
   // Signed in: the account alone makes an unnamed card.
   writeAccount(home, R"({"token":"abc","email":"Me@Gmail.com"})");
   EXPECT_EQ(TeskContacts::selfCard(home.path()), (TeskContacts::MeCard{"", {"me@gmail.com"}}));
