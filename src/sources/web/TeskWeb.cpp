@@ -48,15 +48,22 @@ void host(std::string_view url, std::string& into) {
     into = prefixCharacters(url, kBareURLLimit);
     return;
   }
-  // One pass over the authority: where it ends, its last "@", and whether it is ASCII.
+  // One pass over the authority: where it ends, its last "@", the first ":" after
+  // that, and whether it is ASCII.
   std::string_view rest = url.substr(scheme + 3);
-  size_t end = 0, from = 0;
+  size_t end = 0, from = 0, colon = std::string_view::npos;
   unsigned char bits = 0;
   for (; end < rest.size(); ++end) {
     const char c = rest[end];
-    if (c == '/' || c == '?' || c == '#') break;
-    if (c == '@') from = end + 1;
     bits |= static_cast<unsigned char>(c);
+    if (c > '@') continue;  // no letter ends or cuts a host
+    if (c == '/' || c == '?' || c == '#') break;
+    if (c == '@') {
+      from = end + 1;
+      colon = std::string_view::npos;
+    } else if (c == ':' && colon == std::string_view::npos) {
+      colon = end;
+    }
   }
   if (bits >= 0x80) {
     // Lowered before it is cut, as a whole: beyond ASCII a letter's lower case can
@@ -68,14 +75,13 @@ void host(std::string_view url, std::string& into) {
     return;
   }
   const auto lowered = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
-  rest = rest.substr(from, end - from);
-  rest = rest.substr(0, rest.find(':'));
+  rest = rest.substr(from, std::min(end, colon) - from);
   if (rest.size() >= 4 && lowered(rest[0]) == 'w' && lowered(rest[1]) == 'w' &&
       lowered(rest[2]) == 'w' && rest[3] == '.') {
     rest.remove_prefix(4);
   }
-  into.resize(rest.size());
-  std::transform(rest.begin(), rest.end(), into.begin(), lowered);
+  into.assign(rest);
+  for (char& c : into) c = lowered(c);
 }
 
 std::string host(std::string_view url) {
