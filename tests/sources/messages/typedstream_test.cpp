@@ -127,6 +127,7 @@ TEST(TypedStream, ReadsThePermissiveSamples) {
         "NSArrayWithNestedArray", "NSArrayWithNSNumber", "NSArrayWithNSString", "NSDictionary"}) {
     const auto blob = readSample("uetchy/" + name);
     EXPECT_FALSE(TeskTypedStream::rootString(blob)) << name;
+    // The root's class is the sample's name up to "With" or "Empty".
     EXPECT_EQ(TeskTypedStream::rootClassName(blob), name.substr(0, name.find_first_of("WE", 2)))
         << name;
   }
