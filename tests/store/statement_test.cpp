@@ -118,7 +118,13 @@ TEST_F(StatementTest, ViewsAvoidCopiesAndMatchTheCopies) {
                   EXPECT_FALSE(r.textView(0).has_value());
                   EXPECT_FALSE(r.blobView(1).has_value());
                 });
-  EXPECT_EQ(seen, 2);
+  // An empty text is present, NULL is not.
+  store_->query("SELECT '', NULL", [&](const TeskRowReader& r) {
+    ++seen;
+    EXPECT_EQ(r.textView(0), std::optional<std::string_view>(""));
+    EXPECT_FALSE(r.textView(1).has_value());
+  });
+  EXPECT_EQ(seen, 3);
 }
 
 TEST_F(StatementTest, DisplayRendersAnyColumnForPrinting) {
