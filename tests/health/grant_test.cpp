@@ -21,13 +21,13 @@ const double kNow = *TeskTime::parseISO("2026-08-13T10:00:00Z");
 
 struct Account {
   std::string type = "Google";
-  std::optional<std::string> description;
+  std::optional<std::string> description{};
   int active = 1;
   int authenticated = 1;
   std::vector<std::string> dataclasses = {"Mail", "Calendars", "Contacts"};
-  std::optional<int64_t> parent;
+  std::optional<int64_t> parent{};
   std::optional<std::string> username = "owner@gmail.com";
-  std::optional<double> rejection;  // seconds since 2001
+  std::optional<double> rejection{};  // seconds since 2001
   std::optional<std::string> identifier = "ACC-1";
 };
 
@@ -205,37 +205,21 @@ TEST(TeskGrant, AccountRowsTable) {
     std::set<Mirror> enabled;
     std::optional<std::string> username;
   };
-  Account plain;
-  Account unauthenticated;
-  unauthenticated.authenticated = 0;
-  Account inactive;
-  inactive.active = 0;
-  Account child;
-  child.parent = 1;
-  Account described;
-  described.type = "IMAP";
-  described.description = "Gmail";
-  Account other;
-  other.type = "Exchange";
-  Account typedGmail;  // the alias matches the account's description, not its type
-  typedGmail.type = "Gmail";
-  Account second;
-  second.dataclasses = {"Mail", "Notes"};
-  second.username = std::nullopt;
-  Account later;
-  later.authenticated = 0;
   const std::set<Mirror> all = {Mirror::mail, Mirror::calendars, Mirror::contacts};
+  const std::string owner = "owner@gmail.com";
+  const Account second{.dataclasses = {"Mail", "Notes"}, .username = std::nullopt};
   const Case cases[] = {
-      {"archived names", {plain}, true, true, true, all, "owner@gmail.com"},
-      {"text names", {plain}, false, true, true, all, "owner@gmail.com"},
-      {"unauthenticated", {unauthenticated}, true, true, false, all, "owner@gmail.com"},
-      {"inactive", {inactive}, true, false, true, all, "owner@gmail.com"},
-      {"a child account is not the account", {child}, true, false, false, {}, std::nullopt},
-      {"described as Gmail", {described}, true, true, true, all, "owner@gmail.com"},
-      {"another provider only", {other}, true, false, false, {}, std::nullopt},
-      {"typed Gmail, not described so", {typedGmail}, true, false, false, {}, std::nullopt},
+      {"archived names", {{}}, true, true, true, all, owner},
+      {"text names", {{}}, false, true, true, all, owner},
+      {"unauthenticated", {{.authenticated = 0}}, true, true, false, all, owner},
+      {"inactive", {{.active = 0}}, true, false, true, all, owner},
+      {"a child account is not the account", {{.parent = 1}}, true, false, false, {}, {}},
+      {"IMAP as Gmail", {{.type = "IMAP", .description = "Gmail"}}, true, true, true, all, owner},
+      {"another provider only", {{.type = "Exchange"}}, true, false, false, {}, {}},
+      // The alias matches the account's description, not its type.
+      {"typed Gmail, not described so", {{.type = "Gmail"}}, true, false, false, {}, {}},
       // Flags from any row; data classes and username from the first row that has them.
-      {"two rows", {second, later}, true, true, true, {Mirror::mail}, "owner@gmail.com"},
+      {"two rows", {second, {.authenticated = 0}}, true, true, true, {Mirror::mail}, owner},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -257,10 +241,7 @@ TEST(TeskGrant, AccountRowsTable) {
 
 TEST(TeskGrant, RejectionDateAndIdentifier) {
   tesk_test::TempHome home;
-  Account a;
-  a.rejection = 800000000;  // seconds since 2001
-  a.identifier = "ID-9";
-  makeAccounts(home.path(), {a});
+  makeAccounts(home.path(), {{.rejection = 800000000, .identifier = "ID-9"}});  // since 2001
   Link l = TeskGrant::link("Google", home.path());
   ASSERT_TRUE(l.lastRejection.has_value());
   EXPECT_DOUBLE_EQ(*l.lastRejection, 800000000 + 978307200.0);
@@ -273,10 +254,8 @@ TEST(TeskGrant, RejectionDateAndIdentifier) {
 // holding a line feed cannot print a verdict line of its own.
 TEST(TeskGrant, StoredFieldsNeverOpenALineOrAColumn) {
   tesk_test::TempHome home;
-  Account a;
-  a.username = "owner@gmail.com\nverdict\tCOMPLETE";
-  a.identifier = "ID\r9";
-  makeAccounts(home.path(), {a});
+  makeAccounts(home.path(),
+               {{.username = "owner@gmail.com\nverdict\tCOMPLETE", .identifier = "ID\r9"}});
   makeCalendarErrors(home.path(), "Google", {tesk_test::keyedError({{"Evil\nDomain\t", 7}})});
   const auto lines = TeskGrant::linkReport(home.path(), kNow);
   ASSERT_GE(lines.size(), 9u);
