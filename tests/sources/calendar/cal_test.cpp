@@ -63,12 +63,8 @@ TEST(TeskCalInstant, FloatingValuesAreWallClockTimesInTheLocalZone) {
 TEST(TeskCalRead, FloatingItemsKeepTheirLocalDateEastAndWest) {
   CalendarHome store;
   store.calendar("Home");
-  Item dentist = event("Dentist", "2028-04-16T00:00:00Z");
-  dentist.tz = std::nullopt;
-  store.item(dentist);
-  Item flight = event("Flight", "2028-04-16T13:00:00Z");
-  flight.tz = "America/New_York";
-  store.item(flight);
+  store.item({.summary = "Dentist", .start = iso("2028-04-16T00:00:00Z"), .tz = std::nullopt});
+  store.item({.summary = "Flight", .start = iso("2028-04-16T13:00:00Z"), .tz = "America/New_York"});
   for (const char* local : {kWest, kEast}) {
     SCOPED_TRACE(local);
     TeskCal::Result r = TeskCal::read(window("2028-04-01T00:00:00Z", "2028-05-01T00:00:00Z"), 0,
@@ -88,23 +84,20 @@ TEST(TeskCalRead, ExpandsRulesAndRemovesExceptionsAndDetachedInstances) {
   store.recurrence(a, every(2));
   // Store-epoch seconds, matched after rounding (a truncating match would miss it).
   store.exception(a, iso("2026-03-16T09:00:00Z") - 0.4);
-  Item review = event("Review", "2026-03-03T15:00:00Z");
-  review.tz = "Europe/Berlin";
-  const int64_t b = store.item(review);
+  const int64_t b = store.item(
+      {.summary = "Review", .start = iso("2026-03-03T15:00:00Z"), .tz = "Europe/Berlin"});
   store.recurrence(b, every(1, 5));
-  Item moved = event("Review (moved)", "2026-03-04T17:00:00Z");
-  moved.origItem = b;
-  moved.origDate = iso("2026-03-04T15:00:00Z");
-  const int64_t c = store.item(moved);
+  const int64_t c = store.item({.summary = "Review (moved)",
+                                .start = iso("2026-03-04T17:00:00Z"),
+                                .origItem = b,
+                                .origDate = iso("2026-03-04T15:00:00Z")});
   // orig_item_id 0 with an orig_date is no detached instance: it suppresses nothing.
-  Item lunch = event("Lunch", "2026-03-05T12:00:00Z");
-  lunch.origDate = iso("2026-03-05T15:00:00Z");
-  const int64_t d = store.item(lunch);
+  const int64_t d = store.item({.summary = "Lunch",
+                                .start = iso("2026-03-05T12:00:00Z"),
+                                .origDate = iso("2026-03-05T15:00:00Z")});
   for (int64_t frequency : {0, 7})
     store.recurrence(store.item(event("Broken", "2026-03-06T10:00:00Z")), every(frequency));
-  Item hidden = event("Hidden", "2026-03-06T11:00:00Z");
-  hidden.hidden = 1;
-  store.item(hidden);
+  store.item({.summary = "Hidden", .start = iso("2026-03-06T11:00:00Z"), .hidden = 1});
 
   TeskCal::Result r = TeskCal::read(window(), 0, store.home(), kWest);
   const std::string sa = "cal:" + std::to_string(a) + "@", sb = "cal:" + std::to_string(b) + "@";
@@ -143,15 +136,12 @@ TEST(TeskCalRead, WindowEdgesAreInclusiveAndTheDefaultLooksAhead) {
   const std::pair<const char*, double> singles[] = {
       {"at from", from}, {"before from", from - 1}, {"at to", to}, {"after to", to + 1}};
   for (const auto& [name, t] : singles) {
-    Item it = event(name, kMarch[0]);
-    it.start = t;
-    store.item(it);
+    store.item({.summary = name, .start = t});
   }
   // Daily series whose third occurrence lands on the window's end, or a second after.
   for (double offset : {0.0, 1.0}) {
-    Item it = event(offset == 0 ? "daily" : "daily+1", kMarch[0]);
-    it.start = to - 2 * 86400 + offset;
-    store.recurrence(store.item(it), every(1));
+    const char* name = offset == 0 ? "daily" : "daily+1";
+    store.recurrence(store.item({.summary = name, .start = to - 2 * 86400 + offset}), every(1));
   }
   EXPECT_EQ(bodies(TeskCal::read(window(), 0, store.home(), kWest)),
             (std::vector<std::string>{"at from", "daily", "daily+1", "daily", "daily+1", "at to",
@@ -162,9 +152,7 @@ TEST(TeskCalRead, WindowEdgesAreInclusiveAndTheDefaultLooksAhead) {
   plain.calendar("Home");
   const double now = iso("2026-03-10T12:00:00Z");
   for (double days : {-31, -29, 60, 100}) {
-    Item it = event(std::to_string(static_cast<int>(days)), kMarch[0]);
-    it.start = now + days * 86400;
-    plain.item(it);
+    plain.item({.summary = std::to_string(static_cast<int>(days)), .start = now + days * 86400});
   }
   TeskCal::Result r = TeskCal::read({}, now, plain.home(), kWest);
   EXPECT_EQ(bodies(r), (std::vector<std::string>{"-29", "60"}));
@@ -184,12 +172,12 @@ TEST(TeskCalRead, SelectorsAndDirection) {
   // Invited: somebody organised it (organizer >= 1) and the owner attends (self > 0).
   for (const Event& e : {Event{resume, work, 3, 4}, Event{"Planning", work, 0, 0},
                          Event{"Dinner", family, 2, 0}, Event{"Party", family, 1, 1, 1}}) {
-    Item it = event(e.title, "2026-03-02T10:00:00Z");
-    it.calendar = e.calendar;
-    it.organizer = e.organizer;
-    it.selfAttendee = e.self;
-    it.hasAttendees = e.hasAttendees;
-    store.item(it);
+    store.item({.summary = e.title,
+                .start = iso("2026-03-02T10:00:00Z"),
+                .calendar = e.calendar,
+                .organizer = e.organizer,
+                .selfAttendee = e.self,
+                .hasAttendees = e.hasAttendees});
   }
   using F = TeskIMessage::Filter;
   auto with = [](auto set) {
@@ -227,19 +215,16 @@ TEST(TeskCalRead, SelectorsAndDirection) {
 TEST(TeskCalRead, RowFields) {
   CalendarHome store;
   const int64_t work = store.calendar("Work Projects");
-  Item holiday = event("Holiday", "2026-03-03T00:00:00Z");  // floating midnight
-  holiday.tz = std::nullopt;
-  holiday.allDay = true;
-  holiday.calendar = work;
-  holiday.hasAttendees = 1;
-  const int64_t h = store.item(holiday);
+  const int64_t h = store.item({.summary = "Holiday",  // floating midnight
+                                .start = iso("2026-03-03T00:00:00Z"),
+                                .tz = std::nullopt,
+                                .allDay = true,
+                                .calendar = work,
+                                .hasAttendees = 1});
   store.recurrence(h, every(3, 1));
-  Item untitled = event(std::nullopt, "2026-03-04T10:00:00Z");
-  untitled.calendar = 99;  // no such calendar
-  const int64_t u = store.item(untitled);
-  Item empty = event("", "2026-03-05T10:00:00Z");
-  empty.calendar = work;
-  store.item(empty);
+  const int64_t u =  // no such calendar
+      store.item({.summary = std::nullopt, .start = iso("2026-03-04T10:00:00Z"), .calendar = 99});
+  store.item({.summary = "", .start = iso("2026-03-05T10:00:00Z"), .calendar = work});
 
   TeskCal::Result r = TeskCal::read(window(), 0, store.home(), kEast);
   ASSERT_EQ(r.rows.size(), 3u);
