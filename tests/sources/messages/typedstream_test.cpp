@@ -292,36 +292,18 @@ TEST(TypedStream, RefusesMalformedStreams) {
     s.ref(0).newObject().newClass("NSString", 1).ref(2).shared("+").bytes("no").end().end();
     add("unknown root class", s.data());
   }
-  {
+  // A readable string, then a value of `encoding` holding `bytes` in the attribute runs.
+  auto afterText = [](std::string_view encoding, std::string_view bytes) {
     Stream s = attributedPrefix();
     s.shared("+").bytes("x").end();
-    s.shared("^i").byte(0).end();
-    add("pointer type", s.data());
-  }
-  {
-    Stream s = attributedPrefix();
-    s.shared("+").bytes("x").end();
-    s.shared("[3").end();
-    add("unterminated array type", s.data());
-  }
-  {
-    Stream s = attributedPrefix();
-    s.shared("+").bytes("x").end();
-    s.shared("B").byte(2).end();
-    add("bool other than 0 or 1", s.data());
-  }
-  {
-    Stream s = attributedPrefix();
-    s.shared("+").bytes("x").end();
-    s.shared("i").byte(0x84).end();
-    add("tag where an integer belongs", s.data());
-  }
-  {
-    Stream s = attributedPrefix();
-    s.shared("+").bytes("x").end();
-    s.shared("").end();
-    add("empty type encoding", s.data());
-  }
+    s.shared(encoding).raw(bytes).end();
+    return s.data();
+  };
+  add("pointer type", afterText("^i", std::string(1, '\0')));
+  add("unterminated array type", afterText("[3", ""));
+  add("bool other than 0 or 1", afterText("B", "\x02"));
+  add("tag where an integer belongs", afterText("i", "\x84"));
+  add("empty type encoding", afterText("", ""));
   for (const auto& c : cases) {
     EXPECT_FALSE(TeskTypedStream::rootString(c.blob).has_value()) << c.name;
   }
