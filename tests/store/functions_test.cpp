@@ -263,12 +263,6 @@ TEST_F(FunctionsTest, TimestampMagnitudes) {
   }
 }
 
-TEST_F(FunctionsTest, IsoRendersUtcInternetDateTime) {
-  EXPECT_EQ(one("SELECT tesk_iso(0)"), "1970-01-01T00:00:00Z");
-  EXPECT_EQ(one("SELECT tesk_iso(1767323045.9)"), "2026-01-02T03:04:05Z");
-  EXPECT_EQ(one("SELECT tesk_iso(tesk_ts(700000000000000000))"), "2023-03-08T20:26:40Z");
-}
-
 TEST_F(FunctionsTest, WhoFallsBackToTheChatExceptInGroups) {
   struct Case {
     const char* handle;
