@@ -25,7 +25,8 @@ function(tesk_test name)
                         PkgConfig::SQLITE3 PkgConfig::ICU PkgConfig::PLIST)
   target_compile_definitions(${name} PRIVATE TESK_TEST_DATA="${PROJECT_SOURCE_DIR}/tests/data"
                              TESK_BINARY_DIR="${PROJECT_BINARY_DIR}")
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60)
+  # A test that runs away (a parser walking work it should refuse) fails in minutes.
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
 endfunction()
 
 # tesk_part_glob(<name> [EXCLUDE <files...>]): a part made of every .cpp in the

@@ -4,7 +4,6 @@
 #include <plist/plist.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -313,15 +312,14 @@ TEST(KeyedArchive, RefusesMalformedGraphs) {
     const uint64_t d = a.object(a.string("not a class"), {});
     EXPECT_EQ(TeskKeyedArchive::decode(a.bytes(d)), std::nullopt) << "bad $class";
   }
-  {  // Shared references that double at every level: 2^40 paths through 80 objects.
-    const auto started = std::chrono::steady_clock::now();
+  {  // Shared references that double at every level: 2^40 paths through 80 objects (a
+     // walk of every path would not end; the suite's per-test timeout fails it).
     Archive a;
     const uint64_t cls = a.klass({"NSArray", "NSObject"});
     uint64_t next = a.string("leaf");
     for (int i = 0; i < 40; ++i)
       next = a.object(cls, {{"NS.objects", Archive::uids({next, next})}});
     EXPECT_EQ(TeskKeyedArchive::decode(a.bytes(next)), std::nullopt) << "exponential sharing";
-    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2));
   }
   {  // A chain deeper than the depth bound.
     Archive a;

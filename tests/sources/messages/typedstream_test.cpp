@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -309,8 +308,9 @@ TEST(TypedStream, RefusesMalformedStreams) {
   }
 }
 
+// A walk that did the declared work instead of refusing it would not end: the suite's
+// per-test timeout fails it.
 TEST(TypedStream, BoundsDepthAndWork) {
-  const auto started = std::chrono::steady_clock::now();
   {  // Objects nested far deeper than any archive: refused, not a stack overflow.
     Stream s;
     s.shared("@").newObject().newClass("NSAttributedString", 0).newClass("NSObject", 0).nil();
@@ -341,7 +341,6 @@ TEST(TypedStream, BoundsDepthAndWork) {
     s.end();
     EXPECT_FALSE(TeskTypedStream::rootString(s.data()).has_value());
   }
-  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2));
 }
 
 }  // namespace
