@@ -572,17 +572,19 @@ bool Stream::keep(const TeskRowReader& r, TeskRow& row) {
   if (wantQuery_ && !needle_.in(body)) return false;
   if (filter.grep && !filter.grep->search(body)) return false;
 
-  row = TeskRow();
-  row.id = "im:" + std::to_string(rowID);
+  // Assigned into the row's own strings, which a reused row keeps the room of.
+  row.clear();
+  row.id = "im:";
+  row.id += std::to_string(rowID);
   row.ts = ts;
   row.src = "im";
-  row.who = std::string(TeskFunctions::who(
+  row.who.assign(TeskFunctions::who(
       counterparts_->handle(r, 4),
       chat.identifier ? std::optional<std::string_view>(*chat.identifier) : std::nullopt,
       chat.style));
   row.teskID = TeskIdentity::canonical(row.who);
   row.dir = r.integer(3) == 1 ? TeskRow::Direction::outgoing : TeskRow::Direction::incoming;
-  row.body = std::string(body);
+  row.body.assign(body);
   row.group = grp;
   row.filtered = filtered;
   row.chatID = thread.chatID;
