@@ -457,22 +457,31 @@ Stream::Stream(TeskStore& store, const Filter& filter, const std::string& home)
       needle_(wantQuery_ ? *filter.query : std::string()) {
   result_.unreadSupported = schema_.unreadSupported();
   result_.attachmentsSupported = schema_.attachments;
-  // Without bodies no reader looks at a row's files or kind.
+  // A statement over every message (or a store without the message_id index) takes
+  // each message's chat from one pass over the join table instead of a search per row.
+  const bool window = filter.since || filter.until;
+  const bool everyMessage = !schema_.chatJoinIndex || !window;
+  // Without bodies no reader looks at a row's files or kind. A window asks per kept
+  // message (an index search) rather than list the files of the whole archive.
   if (schema_.attachments && bodies_) {
     try {
-      store_.query(visibleAttachments(schema_, "", false),
-                   [&](const TeskRowReader& r) { withFiles_.insert(r.integer(0)); });
+      if (!window || !schema_.attachmentJoinIndex) {
+        withFiles_.emplace();
+        store_.query(visibleAttachments(schema_, "", false),
+                     [&](const TeskRowReader& r) { withFiles_->insert(r.integer(0)); });
+      } else {
+        hasFiles_.emplace(store_, visibleAttachments(schema_, "", true) + " LIMIT 1",
+                          std::vector<TeskValue>{int64_t{0}});
+      }
     } catch (const TeskStoreError&) {
-      // Attachments are garnish, not the answer.
+      withFiles_.reset();  // attachments are garnish, not the answer
+      hasFiles_.reset();
     }
   }
 
   // Tapbacks stay in the SQL set so that one pass counts what the receipt needs
   // (tapbacks, orphans, undated rows over the SQL conditions, as stats() does) and
   // no second scan of the store is made; their kind is known without decoding.
-  // A statement over every message (or a store without the message_id index) takes
-  // each message's chat from one pass over the join table instead of a search per row.
-  const bool everyMessage = !schema_.chatJoinIndex || (!filter.since && !filter.until);
   counterparts_.emplace(store_, schema_, everyMessage);
   auto [where, binds] = predicates(schema_, filter, false, true);
   const bool whoJoins = filter.who && !filter.who->empty();
@@ -589,13 +598,25 @@ bool Stream::keep(const TeskRowReader& r, TeskRow& row) {
   row.filtered = filtered;
   row.chatID = thread.chatID;
   row.unread = unread;
-  if (withFiles_.contains(rowID)) {
+  if (hasFiles(rowID)) {
     attach(rowID, row);
     if (kind == TeskRow::Kind::empty) kind = TeskRow::Kind::attachment;
   }
   row.kind = kind;
   ++kept_;
   return true;
+}
+
+bool Stream::hasFiles(int64_t rowID) {
+  if (withFiles_) return withFiles_->contains(rowID);
+  if (!hasFiles_) return false;
+  try {
+    hasFiles_->rebind({rowID});
+    return hasFiles_->next();
+  } catch (const TeskStoreError&) {
+    hasFiles_.reset();
+    return false;
+  }
 }
 
 void Stream::attach(int64_t rowID, TeskRow& row) {

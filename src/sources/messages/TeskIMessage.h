@@ -110,6 +110,8 @@ class Stream final : public TeskRowStream {
   bool pull(TeskStore::Cursor& cursor, TeskRow& row);
   // Counts the row's exclusions; true, with `row` filled, when the answer keeps it.
   bool keep(const TeskRowReader& r, TeskRow& row);
+  // True when the message has a visible attachment.
+  bool hasFiles(int64_t rowID);
   // The row's visible files, in store order.
   void attach(int64_t rowID, TeskRow& row);
 
@@ -124,7 +126,9 @@ class Stream final : public TeskRowStream {
   double lo_ = std::numeric_limits<double>::max();
   double hi_ = -std::numeric_limits<double>::max();
   int64_t kept_ = 0;
-  TeskRowSet withFiles_;  // messages with a visible attachment
+  // Messages with a visible attachment: all of them listed, or asked one by one.
+  std::optional<TeskRowSet> withFiles_;
+  std::optional<TeskStore::Cursor> hasFiles_;
   std::optional<TeskStore::Cursor> files_;
   bool filesReadable_ = true;
   std::optional<TeskStoreError> error_;

@@ -366,16 +366,26 @@ TEST(IMessageRead, BodylessMessagesWithVisibleFilesAreAttachments) {
                         "INSERT INTO chat_message_join(chat_id,message_id) VALUES (1,15),(1,16);"
                         "INSERT INTO message_attachment_join(message_id,attachment_id) VALUES "
                         "(15,1),(16,2);");
-  auto kinds = [&fx] {
+  // Read over every message (files listed once) and over a window (asked per message).
+  TeskIMessage::Filter window = everything();
+  window.since = kNow - 86400 * 400.0;
+  auto kinds = [&fx](const TeskIMessage::Filter& f) {
     TeskStore store(fx.path);
-    TeskIMessage::Result r = TeskIMessage::read(store, everything(), fx.home.path());
-    return std::make_pair(row(r, "im:15")->kind, row(r, "im:16")->kind);
+    TeskIMessage::Result r = TeskIMessage::read(store, f, fx.home.path());
+    return std::make_tuple(row(r, "im:15")->kind, row(r, "im:16")->kind,
+                           row(r, "im:10")->attachments.size(), row(r, "im:1")->attachments.size());
   };
-  const auto withColumns = kinds();
-  EXPECT_EQ(withColumns.first, TeskRow::Kind::attachment);
-  EXPECT_EQ(withColumns.second, TeskRow::Kind::empty);  // its only file is hidden
+  const auto withColumns = kinds(everything());
+  EXPECT_EQ(std::get<0>(withColumns), TeskRow::Kind::attachment);
+  EXPECT_EQ(std::get<1>(withColumns), TeskRow::Kind::empty);  // its only file is hidden
+  EXPECT_EQ(std::get<2>(withColumns), 1u);
+  EXPECT_EQ(std::get<3>(withColumns), 0u);
+  EXPECT_EQ(kinds(window), withColumns);
   tesk_test::makeDB(fx.path, "ALTER TABLE attachment DROP COLUMN mime_type");
-  EXPECT_EQ(kinds(), withColumns);
+  const auto withoutColumns =
+      std::make_tuple(std::get<0>(withColumns), std::get<1>(withColumns), size_t{0}, size_t{0});
+  EXPECT_EQ(kinds(everything()), withoutColumns);
+  EXPECT_EQ(kinds(window), withoutColumns);
 }
 
 // Every body the census counted, whatever its tier.
