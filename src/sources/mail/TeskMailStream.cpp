@@ -162,6 +162,8 @@ class Stream::Walk {
   // Ends the walk with the denial of a failed envelope query; nothing else it
   // counted is reported.
   void schemaMoved(const TeskStoreError& e);
+  // Ends the walk with the denial of any other failure.
+  void fail(const std::exception& e);
   Recipients recipients(int64_t rowid);
   // The address of the first recipient by position, then type; empty when unknown.
   std::string firstRecipient(int64_t rowid, const Recipients& to);
@@ -198,14 +200,18 @@ Stream::Walk::Walk(const TeskIMessage::Filter& filter, double now, int64_t bodyB
   try {
     open(home);
   } catch (const std::exception& e) {
-    // Nothing but a store error is expected here; whatever else reaches this point
-    // is still a denial, never a crash of the whole run.
-    Result failed;
-    failed.openMode = result_.openMode;
-    failed.denied.push_back(std::string("mail: ") + e.what());
-    failed_ = std::move(failed);
-    envelope_.reset();
+    fail(e);
   }
+}
+
+// Nothing but a store error is expected while opening or walking; whatever else
+// arrives is still a denial, never a crash of the whole run.
+void Stream::Walk::fail(const std::exception& e) {
+  Result failed;
+  failed.openMode = result_.openMode;
+  failed.denied.push_back(std::string("mail: ") + e.what());
+  failed_ = std::move(failed);
+  envelope_.reset();
 }
 
 void Stream::Walk::open(const std::string& home) {
@@ -340,11 +346,7 @@ bool Stream::Walk::pull(TeskRow& row) {
   } catch (const TeskStoreError& e) {
     schemaMoved(e);
   } catch (const std::exception& e) {
-    Result failed;
-    failed.openMode = result_.openMode;
-    failed.denied.push_back(std::string("mail: ") + e.what());
-    failed_ = std::move(failed);
-    envelope_.reset();
+    fail(e);
   }
   return false;
 }
